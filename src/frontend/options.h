@@ -1,0 +1,61 @@
+// The options record, the command-line parse, the lock and action dispatch.
+#pragma once
+
+#include <cstdint>
+
+constexpr int KOR_MAX_WORDS = 20;   // the entry after the last word stays null
+constexpr int KOR_PATH_SIZE = 100;
+
+struct kor_options {
+    int32_t r;
+    int32_t dryrun;
+    int32_t test;
+    int32_t v;
+    int32_t f;
+    int32_t meta_major;
+    int32_t meta_minor;
+    int32_t meta_buildnumber;
+    uint32_t velksize;
+    int32_t rewrite;
+    int32_t onlymeta;
+    int32_t noactivate;
+    int32_t product_set;
+    int32_t platform_set;
+    int32_t minver_set;
+    int32_t iptos_set;
+    int32_t iptos;
+    const char* action;
+    char cfg[KOR_PATH_SIZE];
+    char cfgbak[KOR_PATH_SIZE];
+    char lockfile[KOR_PATH_SIZE];
+    char autosetfile[KOR_PATH_SIZE];
+    char activesetfile[KOR_PATH_SIZE];
+    char product[16];
+    char platform[8];
+    uint32_t minver_major;
+    uint32_t minver_minor;
+    uint32_t minver_buildnumber;
+    char plugin[200];
+    const char* words[KOR_MAX_WORDS];
+    int32_t nwords;
+};
+
+constexpr const char* KOR_DEFAULT_CFG = "/dev/mmcblk0p3";
+constexpr const char* KOR_DEFAULT_CFGBAK = "/dev/mmcblk0p4";
+constexpr const char* KOR_DEFAULT_LOCKFILE = "/tmp/kor.lock";
+constexpr const char* KOR_DEFAULT_AUTOSETFILE = "/tmp/kor.autoset";
+constexpr const char* KOR_DEFAULT_ACTIVESETFILE = "/tmp/kor.activeset";
+constexpr uint32_t KOR_DEFAULT_VELKSIZE = 0x4000000;
+
+extern const char kor_usage_text[];
+
+// Fills the record from defaults, the environment and argv[1..]. Returns 0
+// when the run may go on, else the exit status (the message is logged).
+// Reads nothing but its arguments and KOR_PRODUCT/KOR_PLATFORM.
+[[nodiscard]] int kor_options_parse(kor_options* o, int argc, char** argv);
+
+// The worker's run: parse, verbose dump, lock, one action, unlock.
+[[nodiscard]] int kor_run(int argc, char** argv);
+
+// The whole program: syslog, signals, fork, parent waits (main calls this).
+[[nodiscard]] int kor_main(int argc, char** argv);

@@ -1,0 +1,94 @@
+// The install pipeline: action, transport, stream receiver, partition
+// writer, set verification and plugin hooks.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "korl/korl.h"
+#include "velk/velk_stream_parser.h"
+
+struct kor_options;
+struct hostconfig;
+
+constexpr int INSTALL_STATE_HEADER = 1;
+constexpr int INSTALL_STATE_PARSING = 2;
+constexpr int INSTALL_STATE_SKIP = 3;
+constexpr int INSTALL_STATE_FAILED = 17;
+constexpr uint32_t INSTALL_HEADER_TEXT = 1000;
+
+struct install_ctx {
+    int32_t state;
+    uint32_t header_handed;
+    uint32_t received;
+    velk_stream_parser* parser;
+    int32_t parts_seen;
+    uint8_t* buffer;
+    uint32_t buffer_size;
+    uint32_t buffer_fill;
+    korm_element korm[KORL_KORM_ELEMENTS];
+    int32_t korm_count;
+    korl_data* data;
+    uint8_t setidx;
+    const korl_rhdr* release_header;
+    velk_header* velk_header;
+    kor_options* options;
+    int32_t range_mode;
+    char range[100];
+    int32_t next_element;
+    void* curl;
+    char header_text[INSTALL_HEADER_TEXT];
+    uint32_t header_fill;
+    int32_t header_overflow;  // a response header did not fit header_text
+};
+
+// Install exit statuses with a name of their own.
+constexpr int KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE = 10;
+constexpr int KOR_EXIT_FATAL_ERR_SINGLETON_WRITE = 11;
+
+[[nodiscard]] int action_install(kor_options* opts);
+
+// Transport. transfer_image returns 0 when the image is complete in the
+// buffer, else the install's exit status (messages logged).
+[[nodiscard]] int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source);
+void transfer_release(install_ctx* ctx);  // frees buffer and parser, cleans libcurl up
+// The URL side of transfer_image: buffer, parser, libcurl handle, the restart
+// loop behind skipped bodies and the download hook. Same results.
+[[nodiscard]] int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source,
+                               const char* scheme);
+void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* error_text);
+size_t http_header_callback(char* data, size_t size, size_t count, void* ctx);
+size_t ftp_header_callback(char* data, size_t size, size_t count, void* ctx);
+int sockopt_callback(void* ctx, int socket, int purpose);
+// 1 when the source is a URL (scheme filled, at most 9 characters), else 0.
+int source_is_url(const char* source, char scheme[10]);
+
+// Receiver and writer.
+size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx);
+struct install_write_result {
+    int ok;          // 1 every planned element written and verified
+    int pool_count;  // members of the pool of the element written last
+};
+install_write_result install_write_out(install_ctx* ctx);
+
+// Set verification: 0 good, 1 no refs, 2 empty, 3 unreadable, 4 CRC mismatch.
+[[nodiscard]] int verify_set(kor_options* opts, korl_data* d, int setidx, int verbose);
+
+// Plugin hooks. Each is called only when present: linked into kor (weak
+// symbols) or loaded from the -plugin= shared object.
+struct kor_hooks {
+    int (*install_hcfg_fail)(install_ctx*, hostconfig*, int);
+    int (*install_data_rcvd)(install_ctx*);
+    int (*install_post_dl)(install_ctx*, hostconfig*, int, const char*);
+    int (*install_pre_metainstall)(install_ctx*, hostconfig*);
+    int (*install_pre_install)(install_ctx*, hostconfig*);
+    int (*install_post_write_out)(install_ctx*, hostconfig*);
+    int (*install_post_activate)(install_ctx*, hostconfig*);
+    int (*install_on_failure)(install_ctx*, hostconfig*, int);
+    int (*activate_post)(korl_data*, hostconfig*);
+};
+// The hooks in force for this run (all null when none is present).
+const kor_hooks* kor_hooks_get();
+// Loads a plugin shared object and binds its hooks by name. 0 or -1
+// (message logged).
+[[nodiscard]] int kor_plugin_load(const char* path);
