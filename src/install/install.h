@@ -31,7 +31,7 @@ struct install_ctx {
     korl_data* data;
     uint8_t setidx;
     const korl_rhdr* release_header;
-    velk_header* velk_header;
+    ::velk_header* velk_header;
     kor_options* options;
     int32_t range_mode;
     char range[100];
