@@ -32,8 +32,14 @@ part data(const std::string& name, bytes body);                          // type
 part signature(const std::string& name, uint8_t algorithm, bytes body);  // type 7
 part korm(const std::string& text);  // "korm" part; the body is the text and a NUL
 
+// Why a part cannot be laid out (name over 16 characters or with a NUL,
+// header length not a multiple of 4, software header over 64 bytes, ...);
+// nullptr when it can.
+const char* part_problem(const part& p);
+
 // The whole file: identification, 16-byte file header, the parts with their
-// padding, every CRC filled in.
+// padding, every CRC filled in. Empty when a part has a problem or the image
+// would not fit the 32-bit lengths.
 bytes build_image(const std::vector<part>& parts);
 
 }  // namespace mkvelk
