@@ -17,6 +17,9 @@ void critical_enter(const char* format, ...) KOR_PRINTF(1, 2);
 void critical_leave(const char* format, ...) KOR_PRINTF(1, 2);
 int critical_depth();
 
+// Logs the signals the worker caught and deferred (see entry.cpp).
+void kor_log_pending_signals();
+
 int32_t zb_console_puts(const char* text);
 int32_t zb_console_vprintf(const char* format, va_list ap) KOR_PRINTF(1, 0);
 int32_t zb_console_printf(const char* format, ...) KOR_PRINTF(1, 2);

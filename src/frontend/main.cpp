@@ -1,0 +1,3 @@
+#include "frontend/options.h"
+
+int main(int argc, char** argv) { return kor_main(argc, argv); }
