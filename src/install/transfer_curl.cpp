@@ -1,14 +1,232 @@
-// URL transport of the install: libcurl easy interface with range restarts.
-#include <cstddef>
+// URL transport of the install: one libcurl easy handle, run again from a
+// byte range each time the receiver leaves a content part out.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
+#include <curl/curl.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include "frontend/console.h"
+#include "frontend/options.h"
 #include "install/install.h"
+#include "velk/velk_stream_parser.h"
 
-int transfer_url(install_ctx*, hostconfig*, const char*, const char*) { return 16; }
+namespace {
 
-void curl_setup(install_ctx*, const char*, const char*, char*) {}
+constexpr long CONNECT_TIMEOUT_S = 300;
+constexpr long LOW_SPEED_LIMIT_BPS = 100;
+constexpr long LOW_SPEED_TIME_S = 300;
+constexpr time_t SOCKET_TIMEOUT_S = 120;
+constexpr int PARSER_COMPLETE = 3;
 
-size_t http_header_callback(char*, size_t, size_t, void*) { return 0; }
+// libcurl's callback types differ from the receiver's and the socket
+// callback's declared types (char* vs void*, curlsocktype vs int); these
+// forwarders keep every call through a pointer of the exact type.
+size_t receive_fwd(char* data, size_t size, size_t nmemb, void* ctx)
+{
+    return install_receive(data, size, nmemb, ctx);
+}
 
-size_t ftp_header_callback(char*, size_t, size_t, void*) { return 0; }
+int sockopt_fwd(void* ctx, curl_socket_t socket, curlsocktype purpose)
+{
+    return sockopt_callback(ctx, socket, static_cast<int>(purpose));
+}
 
-int sockopt_callback(void*, int, int) { return 1; }
+bool range_scheme(const char* scheme)
+{
+    return strcmp(scheme, "http") == 0 || strcmp(scheme, "ftp") == 0 ||
+           strcmp(scheme, "file") == 0;
+}
+
+void clear_header_text(install_ctx* ctx)
+{
+    memset(ctx->header_text, 0, sizeof ctx->header_text);
+    ctx->header_fill = 0;
+}
+
+// Appends one header line to header_text. Returns 0 when the line does not
+// fit the 999 characters of text; the transfer then ends with an error.
+size_t store_header_line(install_ctx* ctx, const char* data, size_t n)
+{
+    constexpr size_t limit = INSTALL_HEADER_TEXT - 1;
+    if (n > limit - ctx->header_fill) {
+        ctx->header_overflow = 1;
+        log_console(LOG_ERR, "install: response header longer than %u bytes\n",
+                    static_cast<unsigned>(limit));
+        return 0;
+    }
+    memcpy(ctx->header_text + ctx->header_fill, data, n);
+    ctx->header_fill += static_cast<uint32_t>(n);
+    ctx->header_text[ctx->header_fill] = '\0';
+    return n;
+}
+
+bool header_complete(const install_ctx* ctx)
+{
+    return ctx->header_fill >= 4 &&
+           memcmp(ctx->header_text + ctx->header_fill - 4, "\r\n\r\n", 4) == 0;
+}
+
+// A complete HTTP/1.1 response header without a readable Content-Range line
+// means the server sends the whole image: nothing can be left out.
+void check_content_range(install_ctx* ctx)
+{
+    if (strncmp(ctx->header_text, "HTTP/1.1", 8) != 0 || !header_complete(ctx)) return;
+    const char* line = strstr(ctx->header_text, "Content-Range: ");
+    char first[20];
+    char last[20];
+    char total[20];
+    if (line == nullptr ||
+        sscanf(line, "Content-Range: %19[^-]-%19[^/]/%19[^\n]", first, last, total) != 3) {
+        ctx->range_mode = 0;
+    }
+}
+
+// Buffer and parser for a URL image of at most -velksize bytes.
+[[nodiscard]] int url_buffer_setup(install_ctx* ctx)
+{
+    ctx->buffer_size = ctx->options->velksize;
+    ctx->buffer = static_cast<uint8_t*>(calloc(ctx->buffer_size ? ctx->buffer_size : 1, 1));
+    if (ctx->buffer == nullptr) {
+        log_console(LOG_ERR, "install: cannot allocate %u bytes for the image\n",
+                    ctx->buffer_size);
+        return 1;
+    }
+    ctx->buffer_fill = 0;
+    ctx->parser = velk_stream_parser_init(nullptr, ctx->buffer);
+    if (ctx->parser == nullptr) {
+        log_console(LOG_ERR, "install: cannot allocate the stream parser\n");
+        return 1;
+    }
+    ctx->range_mode = 0;
+    clear_header_text(ctx);
+    return 0;
+}
+
+[[nodiscard]] int curl_handle_setup(install_ctx* ctx)
+{
+    curl_global_init(CURL_GLOBAL_ALL);
+    ctx->curl = curl_easy_init();
+    if (ctx->curl == nullptr) {
+        curl_global_cleanup();
+        log_console(LOG_ERR, "install: curl_easy_init failed\n");
+        return 1;
+    }
+    return 0;
+}
+
+// Runs the transfer, restarting it behind every body the receiver skipped.
+CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char* scheme,
+                               char* error_text)
+{
+    CURL* curl = static_cast<CURL*>(ctx->curl);
+    curl_setup(ctx, source, scheme, error_text);
+    for (;;) {
+        CURLcode r = curl_easy_perform(curl);
+        if (r != CURLE_WRITE_ERROR || ctx->state != INSTALL_STATE_SKIP) return r;
+        curl_easy_reset(curl);
+        curl_setup(ctx, source, scheme, error_text);
+        clear_header_text(ctx);
+    }
+}
+
+}  // namespace
+
+int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const char* scheme)
+{
+    KOR_ASSERT("kor", ctx != nullptr && ctx->options != nullptr);
+    KOR_ASSERT("kor", source != nullptr && scheme != nullptr);
+    char error_text[CURL_ERROR_SIZE] = {};
+
+    ctx->next_element = -1;
+    int status = url_buffer_setup(ctx);
+    if (status == 0) status = curl_handle_setup(ctx);
+    if (status != 0) return status;
+
+    if (!ctx->options->rewrite && range_scheme(scheme)) {
+        ctx->range_mode = 1;
+        snprintf(ctx->range, sizeof ctx->range, "%d-", 0);
+    }
+
+    CURLcode r = perform_with_restarts(ctx, source, scheme, error_text);
+    auto post_dl = kor_hooks_get()->install_post_dl;
+    if (r != CURLE_OK) {
+        log_console(LOG_ERR, "curl returned: %i == %s\n", static_cast<int>(r), error_text);
+        if (post_dl != nullptr) (void)post_dl(ctx, hc, static_cast<int>(r), error_text);
+        return 16;
+    }
+    if (post_dl != nullptr) {
+        int h = post_dl(ctx, hc, 0, error_text);
+        if (h != 0) return h;
+    }
+    if (velk_stream_parser_get_status(ctx->parser) != PARSER_COMPLETE) {
+        log_console(LOG_ERR, "install: incomplete VELK\n");
+        return 9;
+    }
+    return 0;
+}
+
+void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* error_text)
+{
+    KOR_ASSERT("kor", ctx != nullptr && url != nullptr);
+    KOR_ASSERT("kor", scheme != nullptr && error_text != nullptr);
+    CURL* curl = static_cast<CURL*>(ctx->curl);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, receive_fwd);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, ctx);
+    curl_easy_setopt(curl, CURLOPT_URL, url);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTDATA, ctx);
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, sockopt_fwd);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, CONNECT_TIMEOUT_S);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, LOW_SPEED_LIMIT_BPS);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, LOW_SPEED_TIME_S);
+    if (strcmp(scheme, "http") == 0) {
+        curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, http_header_callback);
+        curl_easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
+    } else if (strcmp(scheme, "ftp") == 0) {
+        curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, ftp_header_callback);
+        curl_easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
+    }
+    if (ctx->range_mode != 0) curl_easy_setopt(curl, CURLOPT_RANGE, ctx->range);
+}
+
+size_t http_header_callback(char* data, size_t size, size_t count, void* ctx)
+{
+    if (data == nullptr) return 0;
+    auto* c = static_cast<install_ctx*>(ctx);
+    size_t n = store_header_line(c, data, size * count);
+    if (n != size * count) return 0;
+    check_content_range(c);
+    return n;
+}
+
+size_t ftp_header_callback(char* data, size_t size, size_t count, void* ctx)
+{
+    if (data == nullptr) return 0;
+    return store_header_line(static_cast<install_ctx*>(ctx), data, size * count);
+}
+
+int sockopt_callback(void* ctx, int socket, int purpose)
+{
+    (void)purpose;
+    const auto* c = static_cast<const install_ctx*>(ctx);
+    const timeval timeout{SOCKET_TIMEOUT_S, 0};
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0 ||
+        setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
+        log_console(LOG_ERR, "setsockopt SO_RCVTIMEO/SO_SNDTIMEO failed: %s", strerror(errno));
+        return CURL_SOCKOPT_ERROR;
+    }
+    if (c->options->iptos_set == 1) {
+        const int tos = c->options->iptos;
+        if (setsockopt(socket, IPPROTO_IP, IP_TOS, &tos, sizeof tos) != 0) {
+            log_console(LOG_ERR, "setsockopt failed: %s", strerror(errno));
+            return CURL_SOCKOPT_ERROR;
+        }
+    }
+    return CURL_SOCKOPT_OK;
+}
