@@ -53,3 +53,6 @@ int32_t velk_stream_parser_get_invalid_content_parts(const velk_stream_parser* p
 velk_content_header* const* velk_stream_parser_content_parts(const velk_stream_parser* p);
 int32_t velk_stream_parser_content_part_is_valid(const velk_stream_parser* p, int32_t index);
 void velk_stream_parser_debug_fix_found_parts(velk_stream_parser* p, uint32_t n);
+// Marks the parser failed (status -1) for a caller that found the image
+// unusable before the parser could look at it (too short to hold a header).
+void velk_stream_parser_fail(velk_stream_parser* p);
