@@ -1,0 +1,198 @@
+// The install's checks before anything is written: the release header
+// against -product and -minver, the recording of the plan, and the CRC32
+// check of every partition that the plan keeps.
+#include "frontend/console.h"
+#include "frontend/options.h"
+#include "install/install_steps.h"
+
+namespace {
+
+constexpr int GO_ON = INSTALL_GO_ON;
+
+const velk_content_header* part0(const install_run* run)
+{
+    const velk_content_header* cp = velk_stream_parser_content_parts(run->ctx.parser)[0];
+    KOR_ASSERT("kor", cp);  // a complete image has its first part in memory
+    return cp;
+}
+
+bool is_release_header(const velk_content_header* cp)
+{
+    return cp->type_id == VELK_TYPE_RELEASE_HEADER;
+}
+
+const korl_rhdr* release_info(const velk_content_header* cp)
+{
+    return reinterpret_cast<const korl_rhdr*>(reinterpret_cast<const uint8_t*>(cp) +
+                                              VELK_CONTENT_HEADER_SIZE);
+}
+
+void log_release(const velk_content_header* cp)
+{
+    const korl_rhdr* rh = release_info(cp);
+    const char* text = reinterpret_cast<const char*>(cp) + sizeof(velk_release_header);
+    log_always(LOG_NOTICE, "install: release %u.%u-%u, '%.*s'\n", rh->release_version_major,
+               rh->release_version_minor, rh->release_build_number,
+               static_cast<int>(cp->body_length), text);
+}
+
+int check_product(const kor_options* o, const velk_content_header* cp)
+{
+    if (!o->product_set || o->f) return GO_ON;
+    if (!is_release_header(cp)) {
+        log_console(LOG_ERR, "Expected release header in VELK when using -product\n");
+        return 6;
+    }
+    if (korl_match_model(cp, o->product)) return GO_ON;
+    log_console(LOG_ERR, "install: Release header does not contain model '%s'\n", o->product);
+    return 6;
+}
+
+int check_minver(const kor_options* o, const velk_content_header* cp)
+{
+    if (!o->minver_set) return GO_ON;
+    if (!is_release_header(cp)) {
+        log_console(LOG_ERR, "Expected release header in VELK when using -minver\n");
+        return 7;
+    }
+    const korl_rhdr* rh = release_info(cp);
+    if (korl_check_minver(rh->release_version_major, rh->release_version_minor,
+                          rh->release_build_number, o->minver_major, o->minver_minor,
+                          o->minver_buildnumber))
+        return GO_ON;
+    log_console(LOG_ERR, "install: Version in release header lower than %u.%u-%u\n",
+                o->minver_major, o->minver_minor, o->minver_buildnumber);
+    return 7;
+}
+
+struct plan_failure {
+    int code;
+    const char* reason;
+};
+constexpr plan_failure plan_failures[] = {
+    {KORL_META_INSTALL_ERR_NO_CONTENT, "install: no content\n"},
+    {KORL_META_INSTALL_ERR_DEPENDENCY, "install: KORM dependencies not fulfilled in hostconfig\n"},
+    {KORL_META_INSTALL_ERR_SINGLETON, "install: install into singleton without force option\n"},
+    {KORL_META_INSTALL_ERR_EMPTY_POOL, "install: empty pool\n"},
+    {KORL_META_INSTALL_ERR_NO_FREE_PARTINFO, "install: no free partinfo\n"},
+    {KORL_META_INSTALL_ERR_PARTINFO_KORM_MATCH, "install: partinfo korm match\n"},
+    {KORL_META_INSTALL_ERR_FATAL, "install: fatal error\n"},
+};
+
+const char* plan_reason(int code)
+{
+    for (const plan_failure& f : plan_failures)
+        if (f.code == code) return f.reason;
+    return "install: unknown error type\n";
+}
+
+// The element's content part in the buffer; null when the image does not
+// carry it or its body was left out of the transfer.
+const velk_content_header* content_of(const install_run* run, const korm_element* e)
+{
+    if (e->cidx < 0 || e->cidx >= static_cast<int>(VELK_MAX_PARTS)) return nullptr;
+    return velk_stream_parser_content_parts(run->ctx.parser)[e->cidx];
+}
+
+// A shared partition failed its check: put a free one of the pool in its
+// place, in the set and in the element.
+int replace_shared(install_run* run, korm_element* e, const velk_content_header* cp)
+{
+    korl_data* d = &run->data;
+    int setidx = run->ctx.setidx;
+    log_always(LOG_NOTICE, "Other sets also refer to partition %i.\n", e->partinfo_idx);
+    int p = korl_get_unused_partinfo(d, e->poolname, setidx);
+    if (p < 0) {
+        log_always(LOG_CRIT, "No free partitions in pool\n");
+        return 1;
+    }
+    log_always(LOG_NOTICE, "Use free partition %i instead\n", p);
+    for (int8_t& ref : d->partset[setidx].refs) {
+        if (ref != e->partinfo_idx) continue;
+        ref = static_cast<int8_t>(p);
+        e->partinfo_idx = p;
+        korl_meta_import_pinfometa(d, cp, e);
+        return GO_ON;
+    }
+    log_always(LOG_CRIT, "Could not repleace pref in install set\n");
+    return 1;
+}
+
+// Checks one element that the plan keeps; GO_ON or the exit status.
+int check_element(install_run* run, korm_element* e)
+{
+    const kor_options* o = run->opts;
+    const velk_content_header* cp = content_of(run, e);
+    if (o->rewrite && e->action == 2 && cp) {
+        log_always(LOG_NOTICE, "Mark partition %i for rewrite\n", e->partinfo_idx);
+        e->action = 1;
+        return GO_ON;
+    }
+    if (o->onlymeta) return GO_ON;
+    if (crc32_check(&run->data, e->partinfo_idx, e->wts) == KORL_CRC_OK) return GO_ON;
+    if (!cp) {
+        log_always(LOG_CRIT,
+                   "CRC32 validation of partition %i failed. Only fixable with a non-partial "
+                   "VELK.\n",
+                   e->partinfo_idx);
+        return 14;
+    }
+    log_always(LOG_NOTICE, "CRC32 validation for partition %i failed marking it for reinstall\n",
+               e->partinfo_idx);
+    if (korl_partinfo_owned_by_set(&run->data, e->partinfo_idx, run->ctx.setidx) == 1) {
+        int r = replace_shared(run, e, cp);
+        if (r != GO_ON) return r;
+    } else {
+        // What is written now is what the entry must record.
+        korl_meta_import_pinfometa(&run->data, cp, e);
+    }
+    e->action = 1;
+    return GO_ON;
+}
+
+}  // namespace
+
+int check_release(install_run* run)
+{
+    const velk_content_header* cp = part0(run);
+    if (is_release_header(cp)) log_release(cp);
+    int r = check_product(run->opts, cp);
+    return r != GO_ON ? r : check_minver(run->opts, cp);
+}
+
+int record_plan(install_run* run)
+{
+    const kor_options* o = run->opts;
+    const char* match = o->platform_set ? o->platform : o->product;
+    int r = korl_meta_install(&run->data, run->ctx.setidx, release_info(part0(run)),
+                              run->ctx.korm, velk_stream_parser_content_parts(run->ctx.parser),
+                              match, o->f);
+    if (r != KORL_META_INSTALL_OK) {
+        log_console(LOG_ERR, "install: meta install in hostconfig failed (%i), reason:\n", r);
+        log_console(LOG_ERR, "%s", plan_reason(r));
+        return 2;
+    }
+    if (o->v) {
+        log_console(LOG_DEBUG, "Result from korl_meta_install: %i\n", r);
+        korl_partpool_generate(&run->data);
+        korl_dump_info(&run->data);
+        korl_upgrade_info();
+    }
+    return GO_ON;
+}
+
+int check_kept(install_run* run)
+{
+    bool partial_noted = false;
+    for (korm_element& e : run->ctx.korm) {
+        if (e.action == 0) continue;
+        if (e.cidx == -1 && !partial_noted) {
+            log_always(LOG_NOTICE, "Handling partial VELK\n");
+            partial_noted = true;
+        }
+        if (e.action == 1) continue;
+        int r = check_element(run, &e);
+        if (r != GO_ON) return r;
+    }
+    return GO_ON;
+}

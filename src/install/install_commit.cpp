@@ -1,0 +1,114 @@
+// The install's changes to the device: the autoset claim, then inside the
+// critical region the partition writes, the hostconfig and the activation.
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "frontend/console.h"
+#include "frontend/fileutil.h"
+#include "frontend/options.h"
+#include "install/install_steps.h"
+
+namespace {
+
+constexpr int GO_ON = INSTALL_GO_ON;
+
+// The autoset file keeps the set that ran before, one raw byte.
+int store_old_set(install_run* run, unique_fd& fd)
+{
+    const char* path = run->opts->autosetfile;
+    uint8_t old = run->data.actset;
+    ssize_t w = ::write(fd.get(), &old, 1);
+    if (w == -1) log_console(LOG_ERR, "errno = %i\n", errno);
+    (void)fd.reset();
+    if (w == 1) return GO_ON;
+    ::unlink(path);
+    log_console(LOG_ERR, "Failed to store old setidx into %s\n", path);
+    return 5;
+}
+
+int save(install_run* run)
+{
+    if (save_hostconfig(run->opts, &run->data, &run->hc, "install") == 1) return GO_ON;
+    log_always(LOG_CRIT, "KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE\n");
+    return KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE;
+}
+
+// The failed partition's metadata was cleared by the writer; store that.
+int after_failed_write(install_run* run, int pool_count)
+{
+    int r = save(run);
+    if (r != GO_ON) return r;
+    if (run->autoset) ::unlink(run->opts->autosetfile);
+    if (pool_count == 1) {
+        log_always(LOG_CRIT, "KOR_EXIT_FATAL_ERR_SINGLETON_WRITE");
+        return KOR_EXIT_FATAL_ERR_SINGLETON_WRITE;
+    }
+    return 1;
+}
+
+int post_activate(install_run* run)
+{
+    const kor_hooks* h = kor_hooks_get();
+    if (!h || !h->install_post_activate) return 0;
+    return h->install_post_activate(&run->ctx, &run->hc);
+}
+
+int activate(install_run* run)
+{
+    const kor_options* o = run->opts;
+    if (o->noactivate)
+        (void)fnprintf(o->activesetfile, "%d", run->ctx.setidx);
+    else
+        run->data.actset = run->ctx.setidx;
+    int r = save(run);
+    if (r != GO_ON) return r;
+    if (o->test && set_upgrade_state(run->data.actset, 1) != 0) {
+        log_always(LOG_CRIT, "cannot set test mode\n");
+        return 1;
+    }
+    return post_activate(run);
+}
+
+// Writes, records and activates; the status with which the install ends.
+int write_and_record(install_run* run)
+{
+    install_write_result w = install_write_out(&run->ctx);
+    const kor_hooks* h = kor_hooks_get();
+    if (h && h->install_post_write_out) {
+        int r = h->install_post_write_out(&run->ctx, &run->hc);
+        if (r != 0) return r;
+    }
+    if (run->opts->dryrun) return post_activate(run);
+    ::unlink(run->opts->activesetfile);
+    if (!w.ok) return after_failed_write(run, w.pool_count);
+    return activate(run);
+}
+
+}  // namespace
+
+int claim_autoset(install_run* run)
+{
+    if (run->opts->dryrun || !run->autoset) return GO_ON;
+    const char* path = run->opts->autosetfile;
+    unique_fd fd(::open(path, O_WRONLY | O_CREAT | O_EXCL, 0600));
+    if (fd.valid()) return store_old_set(run, fd);
+    if (errno == EEXIST)
+        log_console(LOG_ERR,
+                    "Autodetected set installation has already been tried by KOR with or "
+                    "without success.\n");
+    else
+        log_console(LOG_ERR, "install: could not CREATE|EXCL %s\n", path);
+    return 5;
+}
+
+int commit_install(install_run* run)
+{
+    bool dryrun = run->opts->dryrun;
+    if (!dryrun) critical_enter("install: entering critical region\n");
+    int c = write_and_record(run);
+    if (!dryrun) critical_leave("install: leaving critical region with exitcode=%i\n", c);
+    const kor_hooks* h = kor_hooks_get();
+    if (c != 0 && h && h->install_on_failure) (void)h->install_on_failure(&run->ctx, &run->hc, c);
+    return c;
+}
