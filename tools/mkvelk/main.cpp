@@ -1,8 +1,4 @@
-// mkvelk: writes VELK release images for kor.
-#include <cstdio>
+// mkvelk: writes VELK release images for kor (see mkvelk --help).
+#include "cli.h"
 
-int main()
-{
-    std::fputs("mkvelk: command line not available yet\n", stderr);
-    return 1;
-}
+int main(int argc, char** argv) { return mkvelk::run(argc, argv); }

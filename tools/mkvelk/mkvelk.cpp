@@ -80,7 +80,8 @@ part release_header(uint8_t major, uint8_t minor, uint16_t build, int32_t date,
     p.name = name;
     p.header_extra.resize(sizeof info);
     std::memcpy(p.header_extra.data(), &info, sizeof info);
-    p.body.assign(body_text.begin(), body_text.end());
+    // kor prints the body as a C string, so it carries its NUL.
+    p.body = text_bytes(body_text);
     return p;
 }
 

@@ -19,8 +19,9 @@ struct part {
     bytes body;
 };
 
-// Release header (type 1): version, date, build id and key=value body text
-// (e.g. "products=a,b\n").
+// Release header (type 1): version, date, build id (at most 36 characters
+// are kept) and key=value body text (e.g. "products=a,b\n"); the body is the
+// text and a NUL.
 part release_header(uint8_t major, uint8_t minor, uint16_t build, int32_t date,
                     const std::string& build_id, const std::string& body_text,
                     const std::string& name = "release");
