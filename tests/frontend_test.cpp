@@ -148,17 +148,17 @@ TEST(Options, Environment)
     KOR_SANDBOX_OR_SKIP();
     Device d;
     const std::string long_product(19, 'P');
-    RunResult r = d.kor({"help"}, {false, {{"KOR_PRODUCT", long_product}}});
+    RunResult r = d.kor({"help"}, sandbox::RunOptions().set("KOR_PRODUCT", long_product));
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "KOR_PRODUCT too long: " + long_product + "\n");
     ASSERT_EQ(r.log.size(), 1u);
     EXPECT_EQ(r.log[0].priority, LOG_CRIT);
 
-    r = d.kor({"help"}, {false, {{"KOR_PLATFORM", "12345678"}}});
+    r = d.kor({"help"}, sandbox::RunOptions().set("KOR_PLATFORM", "12345678"));
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "KOR_PLATFORM too long: 12345678\n");
 
-    r = d.kor({"help"}, {false, {{"KOR_PRODUCT", std::string(15, 'P')}}});
+    r = d.kor({"help"}, sandbox::RunOptions().set("KOR_PRODUCT", std::string(15, 'P')));
     EXPECT_EQ(r.status, 0);
 }
 
@@ -217,13 +217,13 @@ TEST(Frontend, SyslogOnlyWhenStdoutIsNotATerminal)
 {
     KOR_SANDBOX_OR_SKIP();
     Device d;
-    RunResult r = d.kor({"frobnicate"}, {true});
+    RunResult r = d.kor({"frobnicate"}, sandbox::RunOptions().tty());
     EXPECT_EQ(r.err, "Unknown action\n");
     EXPECT_TRUE(r.log.empty()) << r.log_text();
 
     // log_always reaches syslog from a terminal too; messages are cut at 319.
     const std::string product(400, 'p');
-    r = d.kor({"help"}, {true, {{"KOR_PRODUCT", product}}});
+    r = d.kor({"help"}, sandbox::RunOptions().tty().set("KOR_PRODUCT", product));
     const std::string full = "KOR_PRODUCT too long: " + product + "\n";
     EXPECT_EQ(r.err, full.substr(0, 319));
     ASSERT_EQ(r.log.size(), 1u);
@@ -311,7 +311,8 @@ TEST(Console, AssertionPanicsOnStdout)
     }
     close(out[1]);
     char buf[200] = {};
-    ssize_t n = read(out[0], buf, sizeof buf - 1);
+    ssize_t n = 0;
+    for (ssize_t k; (k = read(out[0], buf + n, sizeof buf - 1 - n)) > 0;) n += k;
     close(out[0]);
     int status = 0;
     waitpid(pid, &status, 0);

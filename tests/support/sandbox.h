@@ -44,6 +44,11 @@ struct RunOptions {
     std::map<std::string, std::string> env;    // extra environment (KOR_PRODUCT, ...)
     int timeout_ms = 60000;                    // kill kor (parent and worker) after this
     std::string stdin_data;                    // written to kor's stdin
+
+    // Chainable setters: RunOptions().tty().set("KOR_PRODUCT", "x").
+    RunOptions& tty(bool on = true) { stdout_tty = on; return *this; }
+    RunOptions& set(const std::string& k, const std::string& v) { env[k] = v; return *this; }
+    RunOptions& timeout(int ms) { timeout_ms = ms; return *this; }
 };
 
 struct RunResult {
