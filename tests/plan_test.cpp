@@ -311,4 +311,261 @@ TEST(Record, NoElementIsNoContent)
     EXPECT_EQ(korl_meta_install(&d, 1, &rh, e, nullptr, "", 0), KORL_META_INSTALL_ERR_NO_CONTENT);
 }
 
+// --- against partitions ---
+
+constexpr uint64_t kPartSize = 64 << 10;
+
+sandbox::bytes pattern(size_t n, uint8_t seed)
+{
+    sandbox::bytes b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(i * 31 + seed);
+    return b;
+}
+
+// Records `body` as the content of entry idx and writes it to the partition
+// in write type 1 (body only) or 2 (header first).
+void put_content(const sandbox::Device& dev, korl_data& d, int idx, size_t length, int wts,
+                 ver v = {1, 0, 0})
+{
+    sandbox::bytes body = pattern(length, static_cast<uint8_t>(idx));
+    korl_pinfometa& m = d.pinfometa[idx];
+    m = korl_pinfometa{};
+    m.type_id = VELK_TYPE_SOFTWARE;
+    m.hdr_length = 64;
+    m.body_length = static_cast<uint32_t>(length);
+    m.body_crc = crc32_calc(0, body.data(), static_cast<uint32_t>(length));
+    std::snprintf(m.name, sizeof m.name, "c%d", idx);
+    set_version(d, idx, v);
+    size_t header = wts == 2 ? sizeof m : 0;
+    sandbox::bytes out(header + length);
+    std::memcpy(out.data(), &m, header);
+    std::memcpy(out.data() + header, body.data(), length);
+    dev.write(sandbox::Device::part(d.partinfo[idx].pn), 0, out);
+}
+
+struct crc_row {
+    const char* name;
+    size_t length;
+    int write_wts;
+    int check_wts;
+    std::function<void(korl_pinfometa&, korl_partinfo&)> tweak;  // after writing
+    int result;
+};
+
+const crc_row kCrcRows[] = {
+    {"intact body", 1000, 1, 1, nullptr, KORL_CRC_OK},
+    {"body over several read pieces", 10000, 1, 1, nullptr, KORL_CRC_OK},
+    {"recorded CRC differs", 1000, 1, 1, [](korl_pinfometa& m, korl_partinfo&) { m.body_crc ^= 1; },
+     KORL_CRC_MISMATCH},
+    {"no length recorded", 1000, 1, 1, [](korl_pinfometa& m, korl_partinfo&) { m.body_length = 0; },
+     KORL_CRC_EMPTY},
+    {"no CRC recorded", 1000, 1, 1, [](korl_pinfometa& m, korl_partinfo&) { m.body_crc = 0; },
+     KORL_CRC_EMPTY},
+    {"no such device", 1000, 1, 1, [](korl_pinfometa&, korl_partinfo& p) { p.pn = 40; },
+     KORL_CRC_UNREADABLE},
+    {"header first, intact", 1000, 2, 2, nullptr, KORL_CRC_OK},
+    {"header first, header differs", 1000, 2, 2,
+     [](korl_pinfometa& m, korl_partinfo&) { m.sw_build_id[27] ^= 1; }, KORL_CRC_UNREADABLE},
+    {"header longer than its record", 1000, 2, 2,
+     [](korl_pinfometa& m, korl_partinfo&) { m.hdr_length = 65; }, KORL_CRC_UNREADABLE},
+    {"header-first partition read as body only", 1000, 2, 1, nullptr, KORL_CRC_MISMATCH},
+    {"the device end ends the CRC", kPartSize, 1, 1,
+     [](korl_pinfometa& m, korl_partinfo&) { m.body_length += 100; }, KORL_CRC_OK},
+};
+
+class CrcCheck : public testing::TestWithParam<crc_row> {};
+
+TEST_P(CrcCheck, ReadsThePartitionBack)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const crc_row& row = GetParam();
+    sandbox::Device dev;
+    dev.with_default_layout(kPartSize);
+    korl_data d = default_layout();
+    put_content(dev, d, 13, row.length, row.write_wts);
+    if (row.tweak) row.tweak(d.pinfometa[13], d.partinfo[13]);
+    korl_data before = d;
+    EXPECT_EQ(crc32_check(&d, 13, row.check_wts), row.result);
+    EXPECT_EQ(std::memcmp(&d, &before, sizeof d), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Partitions, CrcCheck, testing::ValuesIn(kCrcRows),
+                         [](const testing::TestParamInfo<crc_row>& i) {
+                             std::string s = i.param.name;
+                             for (char& c : s)
+                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                             return s;
+                         });
+
+TEST(CrcCheck, SeesWhatTheDeviceHoldsAfterARewrite)
+{
+    KOR_SANDBOX_OR_SKIP();
+    sandbox::Device dev;
+    dev.with_default_layout(kPartSize);
+    korl_data d = default_layout();
+    put_content(dev, d, 14, 5000, 1);
+    ASSERT_EQ(crc32_check(&d, 14, 1), KORL_CRC_OK);
+    dev.write(sandbox::Device::part(14), 4999, {0x5A});
+    EXPECT_EQ(crc32_check(&d, 14, 1), KORL_CRC_MISMATCH);
+}
+
+// Planning that finds (or rejects) an installed copy on the device.
+struct installed_row {
+    const char* name;
+    std::function<void(const sandbox::Device&, korl_data&)> setup;
+    korm_element element;
+    planned out;
+};
+
+const installed_row kInstalledRows[] = {
+    {"intact copy in 15 is reused",
+     [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 15, 3000, 1, {1, 2, 3}); },
+     elem(0, "KNLS", 1, {1, 2, 3}), {2, 15}},
+    {"header-first copy is checked with its header",
+     [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 15, 3000, 2, {1, 2, 3}); },
+     elem(0, "KNLS", 1, {1, 2, 3}, "-", 2), {2, 15}},
+    {"corrupt copy is written anew",
+     [](const sandbox::Device& dev, korl_data& d) {
+         put_content(dev, d, 15, 3000, 1, {1, 2, 3});
+         dev.write(sandbox::Device::part(15), 0, {0xFF, 0xFF});
+     },
+     elem(0, "KNLS", 1, {1, 2, 3}), {1, 11}},
+    {"another version is written",
+     [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 15, 3000, 1, {1, 2, 4}); },
+     elem(0, "KNLS", 1, {1, 2, 3}), {1, 11}},
+    {"the version in another pool is not taken",
+     [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 16, 3000, 1, {1, 2, 3}); },
+     elem(0, "KNLS", 1, {1, 2, 3}), {1, 11}},
+    {"version on arrival matches a recorded 0.0-0",
+     [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 15, 3000, 1, {0, 0, 0}); },
+     elem(0, "KNLS", 2), {2, 15}},
+    {"an intact copy satisfies a dependency",
+     [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 18, 3000, 1, {4, 0, 1}); },
+     elem(-1, "APPLS", 1, {4, 0, 1}), {2, 18}},
+};
+
+class Installed : public testing::TestWithParam<installed_row> {};
+
+TEST_P(Installed, PlansAgainstTheDevice)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const installed_row& row = GetParam();
+    sandbox::Device dev;
+    dev.with_default_layout(kPartSize);
+    korl_data d = default_layout();
+    row.setup(dev, d);
+    korm_element e[KORL_KORM_ELEMENTS] = {row.element};
+    korl_rhdr rh{};
+    ASSERT_EQ(korl_meta_install_part1(&d, 1, &rh, e, "", 0), 1);
+    EXPECT_EQ(e[0].action, row.out.action);
+    EXPECT_EQ(e[0].partinfo_idx, row.out.idx);
+}
+
+INSTANTIATE_TEST_SUITE_P(Partitions, Installed, testing::ValuesIn(kInstalledRows),
+                         [](const testing::TestParamInfo<installed_row>& i) {
+                             std::string s = i.param.name;
+                             for (char& c : s)
+                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                             return s;
+                         });
+
+TEST(LateAction, ArrivingVersionDecidesBetweenReuseAndWrite)
+{
+    KOR_SANDBOX_OR_SKIP();
+    sandbox::Device dev;
+    dev.with_default_layout(kPartSize);
+    korl_data d = default_layout();
+    put_content(dev, d, 17, 2000, 1, {2, 0, 9});
+    struct {
+        ver arriving;
+        int found;
+        planned out;
+    } rows[] = {{{2, 0, 9}, 17, {2, 17}}, {{2, 0, 10}, -1, {1, 13}}};
+    for (const auto& r : rows) {
+        korm_element e = elem(2, "ROOTS", 2);
+        e.action = 3;
+        e.partinfo_idx = 13;
+        EXPECT_EQ(late_action_update(&d, &e, r.arriving.major, r.arriving.minor, r.arriving.build),
+                  r.found);
+        EXPECT_EQ(e.action, r.out.action);
+        EXPECT_EQ(e.partinfo_idx, r.out.idx);
+    }
+}
+
+// --- set verification ---
+
+enum part_state { good, bad, empty, header_first, no_device };
+
+struct verify_row {
+    const char* name;
+    std::vector<std::pair<int, part_state>> refs;  // of SET1
+    int result;
+    const char* report;  // verbose output; null: not compared
+};
+
+const verify_row kVerifyRows[] = {
+    {"no refs", {}, 1, "verify_set: Set 1: SET1\nverify_set:   no refs\n"},
+    {"all good", {{11, good}, {13, good}}, 0,
+     "verify_set: Set 1: SET1\n"
+     "verify_set:   ref 11: KNLS         c11         : ok\n"
+     "verify_set:   ref 13: ROOTS        c13         : ok\n"},
+    {"good then bad", {{11, good}, {12, bad}}, 4,
+     "verify_set: Set 1: SET1\n"
+     "verify_set:   ref 11: KNLS         c11         : ok\n"
+     "verify_set:   ref 12: DTS          c12         : bad\n"},
+    {"bad then good", {{12, bad}, {11, good}}, 4, nullptr},
+    {"marked empty", {{11, good}, {14, empty}}, 2,
+     "verify_set: Set 1: SET1\n"
+     "verify_set:   ref 11: KNLS         c11         : ok\n"
+     "verify_set:   ref 14: APPLS                    : empty\n"},
+    {"header-first partition is bad", {{15, header_first}}, 4,
+     "verify_set: Set 1: SET1\nverify_set:   ref 15: KNLS         c15         : bad\n"},
+    {"last failure decides", {{11, no_device}, {12, empty}}, 2, nullptr},
+    {"unreadable last", {{12, empty}, {11, no_device}}, 3, nullptr},
+};
+
+void prepare(const sandbox::Device& dev, korl_data& d, int idx, part_state st)
+{
+    put_content(dev, d, idx, 1500, st == header_first ? 2 : 1);
+    if (st == bad) d.pinfometa[idx].body_crc ^= 0x100;
+    if (st == empty) korl_partinfo_mark_meta_invalid(&d, idx);
+    if (st == no_device) d.partinfo[idx].pn = 40;
+}
+
+class VerifySet : public testing::TestWithParam<verify_row> {};
+
+TEST_P(VerifySet, ChecksEveryRef)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const verify_row& row = GetParam();
+    sandbox::Device dev;
+    dev.with_default_layout(kPartSize);
+    korl_data d = default_layout();
+    std::vector<int> refs;
+    for (const auto& [idx, st] : row.refs) {
+        prepare(dev, d, idx, st);
+        refs.push_back(idx);
+    }
+    set_refs(d, 1, refs);
+    put_content(dev, d, 16, 100, 1);  // not in the set: never looked at
+    d.pinfometa[16].body_crc ^= 1;
+
+    EXPECT_EQ(verify_set(nullptr, &d, 1, 0), row.result);
+    testing::internal::CaptureStdout();
+    int verbose = verify_set(nullptr, &d, 1, 1);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(verbose, row.result);
+    if (row.report) {
+        EXPECT_EQ(out, row.report);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Partitions, VerifySet, testing::ValuesIn(kVerifyRows),
+                         [](const testing::TestParamInfo<verify_row>& i) {
+                             std::string s = i.param.name;
+                             for (char& c : s)
+                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                             return s;
+                         });
+
 }  // namespace
