@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -158,6 +159,8 @@ const plan_row kPlanRows[] = {
     {"no element", nullptr, {}, 1, "", 0, KORL_META_INSTALL_ERR_NO_CONTENT, {}},
 };
 
+void PrintTo(const plan_row& r, std::ostream* os) { *os << r.name; }
+
 class Plan : public testing::TestWithParam<plan_row> {};
 
 TEST_P(Plan, ChoosesPartitions)
@@ -246,6 +249,8 @@ const record_row kRecordRows[] = {
      },
      KORL_META_INSTALL_ERR_PARTINFO_KORM_MATCH, {9}},
 };
+
+void PrintTo(const record_row& r, std::ostream* os) { *os << r.name; }
 
 class Record : public testing::TestWithParam<record_row> {};
 
@@ -373,6 +378,8 @@ const crc_row kCrcRows[] = {
      [](korl_pinfometa& m, korl_partinfo&) { m.body_length += 100; }, KORL_CRC_OK},
 };
 
+void PrintTo(const crc_row& r, std::ostream* os) { *os << r.name; }
+
 class CrcCheck : public testing::TestWithParam<crc_row> {};
 
 TEST_P(CrcCheck, ReadsThePartitionBack)
@@ -443,6 +450,8 @@ const installed_row kInstalledRows[] = {
      [](const sandbox::Device& dev, korl_data& d) { put_content(dev, d, 18, 3000, 1, {4, 0, 1}); },
      elem(-1, "APPLS", 1, {4, 0, 1}), {2, 18}},
 };
+
+void PrintTo(const installed_row& r, std::ostream* os) { *os << r.name; }
 
 class Installed : public testing::TestWithParam<installed_row> {};
 
@@ -531,6 +540,8 @@ void prepare(const sandbox::Device& dev, korl_data& d, int idx, part_state st)
     if (st == empty) korl_partinfo_mark_meta_invalid(&d, idx);
     if (st == no_device) d.partinfo[idx].pn = 40;
 }
+
+void PrintTo(const verify_row& r, std::ostream* os) { *os << r.name; }
 
 class VerifySet : public testing::TestWithParam<verify_row> {};
 
