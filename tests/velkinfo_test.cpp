@@ -1,0 +1,108 @@
+// The velkinfo action as the user sees it: stdout, stderr and exit status
+// of the real kor binary, byte for byte.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mkvelk.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using mkvelk::bytes;
+
+const std::string kDash = "-------------------------------------------------------\n";
+const std::string kFlags = "covered_by_signature....: 0\nvalidated_by_signature..: 0\n";
+
+std::string release_block(int valid)
+{
+    return kDash + "Content Part: 0, type 1, name release\nvalid...................: " + std::to_string(valid) +
+           "\n" + kFlags +
+           "release_version_major..: 1\nrelease_version_minor..: 2\nrelease_build_number...: 345\n"
+           "release_date...........: 1700000000\nrelease_build_id.......: build-77\n";
+}
+
+std::string software_block(int valid)
+{
+    return kDash + "Content Part: 1, type 4, name rootfs\nvalid...................: " + std::to_string(valid) +
+           "\n" + kFlags + "sw_version_major..: 3\nsw_version_minor..: 4\nsw_build_number...: 567\nsw_build_id.......: sw-9\n";
+}
+
+const std::string kDataBlock = kDash + "Content Part: 2, type 3, name blob\nvalid...................: 1\n" + kFlags;
+const std::string kNoHeader = "velkinfo: no header\nvelkinfo: loading VELK failed.\n";
+
+// Release header (part 0, body at 100), software part (1), data part (2, the last 12 bytes).
+bytes release_image(size_t release_body = 14)
+{
+    return mkvelk::build_image({
+        mkvelk::release_header(1, 2, 345, 1700000000, "build-77", std::string(release_body - 1, 'x')),
+        mkvelk::software("rootfs", 3, 4, 567, "sw-9", bytes(100, 0x11)),
+        mkvelk::data("blob", bytes(10, 0x22)),
+    });
+}
+
+bytes changed(bytes b, size_t at) { return b[at] ^= 1, b; }
+bytes cut(bytes b, size_t n) { return b.resize(n), b; }
+
+struct Row {
+    const char* what;
+    bool exists;
+    bytes file;
+    std::vector<std::string> options;  // after the path
+    int status;
+    std::string out, err;
+};
+
+TEST(Velkinfo, ReportsAndRefusals)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const bytes img = release_image();
+    const size_t software_body = 24 + 76 + 16 + 44;  // id, release part, its padded body, software header
+    const std::string all = release_block(1) + software_block(1) + kDataBlock;
+    const Row rows[] = {
+        {"header only", true, img, {}, 0, release_block(1), ""},
+        {"all parts", true, img, {"-all"}, 0, all, ""},
+        {"-allparts", true, img, {"-allparts"}, 0, all, ""},
+        {"-al is no -all", true, img, {"-al"}, 0, release_block(1), ""},
+        {"bad release body", true, changed(img, 100), {}, 0, release_block(-1), ""},
+        {"bad software body, -all", true, changed(img, software_body), {"-all"}, 0,
+         release_block(1) + software_block(-1), ""},
+        {"truncated, -all", true, cut(img, img.size() - 4), {"-all"}, 0, release_block(1) + software_block(1), ""},
+        {"release header beyond 1024", true, release_image(2000), {}, 0,
+         kDash + "WARNING: CONTENT HEADER IS NULL? Skipping.\n", ""},
+        {"text file", true, bytes(100, 'a'), {}, 9, "", kNoHeader},
+        {"10 bytes, -all", true, cut(img, 10), {"-all"}, 9, "", kNoHeader},
+        {"24 bytes", true, mkvelk::build_image({}), {}, 9, "", kNoHeader},
+        {"24 bytes, -all", true, mkvelk::build_image({}), {"-all"}, 9, "", kNoHeader},
+        {"identification only", true, cut(img, 8), {}, 9, "", kNoHeader},
+        {"missing", false, {}, {}, 8, "", "velkinfo: could not open VELK\n"},
+        {"empty", true, {}, {}, 9, "", "velkinfo: empty VELK\n"},
+        {"empty, -all", true, {}, {"-all"}, 9, "", "velkinfo: empty VELK\n"},
+        {"above -velksize", true, img, {"-velksize=100", "-all"}, 9, "", "velkinfo: VELK too big\n"},
+        {"exactly -velksize", true, img, {"-velksize=" + std::to_string(img.size())}, 0, release_block(1), ""},
+    };
+    sandbox::Device d;
+    int n = 0;
+    for (const Row& r : rows) {
+        std::string path = d.workdir() + "/image" + std::to_string(n++) + ".velk";
+        if (r.exists) d.write_file(path, std::string(r.file.begin(), r.file.end()));
+        std::vector<std::string> args = {"velkinfo", path};
+        args.insert(args.end(), r.options.begin(), r.options.end());
+        sandbox::RunResult res = d.kor(args);
+        EXPECT_EQ(res.status, r.status) << r.what;
+        EXPECT_EQ(res.out, r.out) << r.what;
+        EXPECT_EQ(res.err, r.err) << r.what;
+    }
+}
+
+TEST(Velkinfo, MissingPath)
+{
+    KOR_SANDBOX_OR_SKIP();
+    sandbox::Device d;
+    sandbox::RunResult res = d.kor({"velkinfo"});
+    EXPECT_EQ(res.status, 1);
+    EXPECT_EQ(res.out, "");
+    EXPECT_EQ(res.err, "velkinfo: VELK is missing.\n");
+}
+
+}  // namespace
