@@ -166,4 +166,214 @@ TEST(Install, WriteTypesLayOutThePartition)
     }
 }
 
+
+// Partitions of the default layout, one of them of another size.
+void layout(Device& d, int odd_pn, uint64_t odd_size)
+{
+    for (int pn : {3, 4, 5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18}) {
+        uint64_t size = pn <= 4 ? sandbox::kHostconfigPartSize : 4 << 20;
+        d.add_partition(pn, pn == odd_pn ? odd_size : size);
+    }
+}
+
+bytes kernel_body(const bytes& img)
+{
+    bytes header, body;
+    kernel_bytes(img, &header, &body);
+    return body;
+}
+
+struct OptionRow {
+    std::vector<std::string> args;
+    int status;
+    bool written;           // p11 holds the kernel
+    int actset;             // -1: hostconfig not saved
+    std::string activeset;  // afterwards; "2" was there before
+    uint8_t set1_flags;
+};
+
+TEST(Install, OptionsChangeWhatIsWrittenAndRecorded)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const OptionRow rows[] = {
+        {{}, 0, true, 1, "", 0},
+        {{"-dryrun"}, 0, false, -1, "2", 0},
+        {{"-onlymeta"}, 0, false, 1, "", 0},
+        {{"-noactivate"}, 0, true, 0, "1", 0},
+        {{"-test"}, 0, true, 1, "", 1},
+        {{"-noactivate", "-test"}, 1, true, 0, "1", 0},  // set 0 has no test mode
+    };
+    for (const OptionRow& row : rows) {
+        SCOPED_TRACE(row.args.empty() ? "plain" : row.args.back());
+        Device d;
+        d.with_default_layout();
+        d.write_file("/tmp/kor.activeset", "2");
+        bytes img = mkvelk::build_image(parts(kKorm));
+        std::vector<std::string> args{"install", put(d, img), "1"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        RunResult r = d.kor(args);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        bytes body = kernel_body(img);
+        EXPECT_EQ(d.read(Device::part(11), 0, body.size()) == body, row.written);
+        EXPECT_EQ(actset(kor_data(d)), row.actset);
+        EXPECT_EQ(d.exists("/tmp/kor.activeset") ? d.read_file("/tmp/kor.activeset") : "",
+                  row.activeset);
+        EXPECT_EQ(d.read(Device::part(3), 0x3FE00, 1)[0], row.set1_flags);
+        EXPECT_EQ(r.log_text().find("install: entering critical region") == std::string::npos,
+                  row.args == std::vector<std::string>{"-dryrun"});
+    }
+}
+
+TEST(Install, AutomaticChoiceIsClaimedOnce)
+{
+    KOR_SANDBOX_OR_SKIP();
+    Device d;
+    d.with_default_layout();
+    std::string img = put(d, mkvelk::build_image(parts(kKorm)));
+    RunResult r = d.kor({"install", img, "-1"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("into autodetected set idx = 1\n"), std::string::npos);
+    EXPECT_EQ(d.read_file("/tmp/kor.autoset"), std::string(1, '\0'));
+    r = d.kor({"install", img, "-1", "-dryrun"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("into autodetected set idx = 2\n"), std::string::npos);
+    r = d.kor({"install", img, "-1"});
+    EXPECT_EQ(r.status, 5);
+    EXPECT_NE(r.err.find("Autodetected set installation has already been tried by KOR with or "
+                         "without success.\n"),
+              std::string::npos);
+}
+
+struct KeptRow {
+    const char* name;
+    std::string korm;
+    std::string set;
+    std::vector<std::string> args;
+    int status;
+    std::vector<std::string> messages;
+    int kernel_in;  // partition holding the kernel afterwards, 0 none
+};
+
+// Set 1 holds the kernel in p11 and the root in p13; p11 is then damaged.
+TEST(Install, KeptPartitionsAreChecked)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const std::string any_knls = ",KNLS,0,-,-,-,-1.-1.-1,1\n3,ROOTS,0,-,-,-,1.0.1,1\n";
+    const KeptRow rows[] = {
+        {"partial image", "-1" + any_knls, "1", {}, 14,
+         {"Handling partial VELK\n",
+          "CRC32 validation of partition 11 failed. Only fixable with a non-partial VELK.\n"},
+         0},
+        {"rewritten in place", "2" + any_knls, "1", {}, 0,
+         {"CRC32 validation for partition 11 failed marking it for reinstall\n"}, 11},
+        {"shared, replaced", "2" + any_knls, "2", {}, 0,
+         {"Other sets also refer to partition 11.\n", "Use free partition 15 instead\n"}, 15},
+        {"-rewrite", kKorm, "1", {"-rewrite"}, 0, {"Mark partition 13 for rewrite\n"}, 0},
+    };
+    for (const KeptRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        Device d;
+        d.with_default_layout();
+        bytes first = mkvelk::build_image(parts(kKorm));
+        ASSERT_EQ(d.kor({"install", put(d, first), "1"}).status, 0);
+        d.write(Device::part(11), 0, bytes(16, 0xEE));
+        std::vector<std::string> args{"install", put(d, mkvelk::build_image(parts(row.korm))),
+                                      row.set};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        RunResult r = d.kor(args);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        for (const std::string& m : row.messages)
+            EXPECT_NE(r.err.find(m), std::string::npos) << m << r.err;
+        bytes body = kernel_body(first);
+        if (row.kernel_in) {
+            EXPECT_EQ(d.read(Device::part(row.kernel_in), 0, body.size()), body);
+        }
+        if (row.kernel_in == 15) {
+            EXPECT_EQ(ref(kor_data(d), 2, 0), 15);
+        }
+    }
+}
+
+struct FailRow {
+    const char* name;
+    int small_pn;
+    uint64_t small_size;
+    std::string korm;
+    std::vector<std::string> args;
+    int status;
+    std::string message;
+};
+
+TEST(Install, FailedWritesAreRecorded)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const FailRow rows[] = {
+        {"singleton", 5, 512, "2,SAFEKNLS,0,-,-,-,1.0.1,1\n", {"1", "-f"}, 11,
+         "KOR_EXIT_FATAL_ERR_SINGLETON_WRITE"},
+        {"multi pool", 11, 512, kKorm, {"1"}, 1, "FAILED TO INSTALL kernel INTO 11\n"},
+        {"multi pool, automatic", 11, 512, kKorm, {"-1"}, 1, "Could not fwrite to"},
+        {"hostconfig", 3, 2048, kKorm, {"1"}, 10, "KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE\n"},
+    };
+    for (const FailRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        Device d;
+        layout(d, row.small_pn, row.small_size);
+        std::vector<std::string> args{"install", put(d, mkvelk::build_image(parts(row.korm)))};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        RunResult r = d.kor(args);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        EXPECT_NE(r.err.find(row.message), std::string::npos) << r.err;
+        EXPECT_FALSE(d.exists("/tmp/kor.autoset"));
+        if (row.small_pn == 3) continue;
+        bytes kd = kor_data(d);
+        ASSERT_FALSE(kd.empty()) << "hostconfig saved after the failed write";
+        EXPECT_EQ(actset(kd), 0);
+        EXPECT_EQ(meta_crc(kd, row.small_pn), 0u);
+    }
+}
+
+struct HookRow {
+    const char* env;  // KOR_TEST_HOOK_<env>=value
+    int value;
+    int status;
+    std::string calls;  // hook calls after the data hooks, one per line
+    bool saved;
+};
+
+TEST(Install, HooksAreCalledAtTheirSteps)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const std::string all = "pre_metainstall 1\npre_install 1\npost_write_out 1\n";
+    const HookRow rows[] = {
+        {"NONE", 0, 0, all + "post_activate 1\n", true},
+        {"PRE_METAINSTALL", 3, 3, "pre_metainstall 1\n", false},
+        {"PRE_INSTALL", 4, 4, "pre_metainstall 1\npre_install 1\n", false},
+        {"POST_WRITE_OUT", 5, 5, all + "on_failure 1 5\n", false},
+        {"POST_ACTIVATE", 6, 6, all + "post_activate 1\non_failure 1 6\n", true},
+        {"DATA_RCVD", 7, 9, "", false},
+    };
+    for (const HookRow& row : rows) {
+        SCOPED_TRACE(row.env);
+        Device d;
+        d.with_default_layout();
+        std::string log = d.workdir() + "/hooks.log";
+        sandbox::RunOptions o;
+        o.env = {{"KOR_TEST_HOOK_LOG", log},
+                 {std::string("KOR_TEST_HOOK_") + row.env, std::to_string(row.value)}};
+        RunResult r = d.kor({"install", put(d, mkvelk::build_image(parts(kKorm))), "1",
+                             "-plugin=" + d.stage(KOR_PLUGIN_test_plugin)},
+                            o);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        std::string calls, text = d.read_file(log);
+        for (size_t pos = 0, nl; (nl = text.find('\n', pos)) != std::string::npos; pos = nl + 1) {
+            std::string line = text.substr(pos, nl + 1 - pos);
+            if (line.rfind("kor_install_hook_", 0) == 0 && line.find("data_rcvd") == std::string::npos)
+                calls += line.substr(17);
+        }
+        EXPECT_EQ(calls, row.calls);
+        EXPECT_EQ(text.rfind("kor_install_hook_data_rcvd", 0), 0u);
+        EXPECT_EQ(actset(kor_data(d)), row.saved ? 1 : -1);
+    }
+}
+
 }  // namespace
