@@ -57,25 +57,25 @@ void korm_set_version(korm_element* e, const korm_line_values& v, bool dotted)
     }
 }
 
-// Parses one descriptor line into *out. Returns 1, or the conversion count
-// to report for wrong syntax.
-int korm_parse_line(const char* line, korm_element* out)
+// Parses one descriptor line into *out. False for wrong syntax, with the
+// conversion count to report in *r.
+bool korm_parse_line(const char* line, korm_element* out, int* r)
 {
     korm_element e{};
     korm_line_values v{};
-    const int r = korm_scan_line(line, &e, &v);
-    if (r != 10 && r != 8) return r;
+    *r = korm_scan_line(line, &e, &v);
+    if (*r != 10 && *r != 8) return false;
 
     e.cidx = int8_t(v.cidx);
     e.extra = v.extra;
     e.wts = uint8_t(v.wts);
     if (e.mountpnt[0] == '-') e.mountpnt[0] = '\0';
     if (e.fstype[0] == '-') e.fstype[0] = '\0';
-    korm_set_version(&e, v, r == 10);
+    korm_set_version(&e, v, *r == 10);
     e.used = 1;
     e.partinfo_idx = -1;
     *out = e;
-    return 1;
+    return true;
 }
 
 // Copies the line at *pos into `line` and moves *pos behind it and its
@@ -114,8 +114,8 @@ int korl_parse_kormd(korm_element* elements, int capacity, const char* text)
             zb_printf("Wups, too many KORM elements, abort.\n");
             return -1;
         }
-        const int r = len < KORM_LINE_SIZE ? korm_parse_line(line, &elements[count]) : 0;
-        if (r != 1) {
+        int r = 0;  // a line too long for the buffer converts nothing
+        if (len >= KORM_LINE_SIZE || !korm_parse_line(line, &elements[count], &r)) {
             zb_printf("Wrong syntax, skip (r=%i)\n", r);
             zb_printf("\n%s\n", line);
             continue;
