@@ -7,112 +7,96 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "install/install.h"
 
 namespace {
 
 struct hook_state {
+    const char* name;
     const char* env;
     int calls;
 };
+
+hook_state hcfg_fail{"kor_install_hook_hcfg_fail", "KOR_TEST_HOOK_HCFG_FAIL", 0};
+hook_state data_rcvd{"kor_install_hook_data_rcvd", "KOR_TEST_HOOK_DATA_RCVD", 0};
+hook_state post_dl{"kor_install_hook_post_dl", "KOR_TEST_HOOK_POST_DL", 0};
+hook_state pre_metainstall{"kor_install_hook_pre_metainstall", "KOR_TEST_HOOK_PRE_METAINSTALL", 0};
+hook_state pre_install{"kor_install_hook_pre_install", "KOR_TEST_HOOK_PRE_INSTALL", 0};
+hook_state post_write_out{"kor_install_hook_post_write_out", "KOR_TEST_HOOK_POST_WRITE_OUT", 0};
+hook_state post_activate{"kor_install_hook_post_activate", "KOR_TEST_HOOK_POST_ACTIVATE", 0};
+hook_state on_failure{"kor_install_hook_on_failure", "KOR_TEST_HOOK_ON_FAILURE", 0};
+hook_state activate_post{"kor_activate_hook_post", "KOR_TEST_HOOK_ACTIVATE_POST", 0};
 
 int result_for(hook_state& h)
 {
     ++h.calls;
     const char* v = std::getenv(h.env);
-    if (v == nullptr) return 0;
     int result = 0;
     int at = 0;
-    int n = std::sscanf(v, "%i@%i", &result, &at);
-    if (n == 2 && at != h.calls) return 0;
-    return n >= 1 ? result : 0;
+    int n = v ? std::sscanf(v, "%i@%i", &result, &at) : 0;
+    if (n < 1 || (n == 2 && at != h.calls)) return 0;
+    return result;
 }
 
-void record(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void record(const char* format, ...)
+// Logs the call and returns the steered result.
+int hook(hook_state& h, const char* format, ...) __attribute__((format(printf, 2, 3)));
+int hook(hook_state& h, const char* format, ...)
 {
     const char* path = std::getenv("KOR_TEST_HOOK_LOG");
-    if (path == nullptr) return;
-    FILE* f = std::fopen(path, "a");
-    if (f == nullptr) return;
-    va_list ap;
-    va_start(ap, format);
-    std::vfprintf(f, format, ap);
-    va_end(ap);
-    std::fputc('\n', f);
-    std::fclose(f);
+    if (FILE* f = path ? std::fopen(path, "a") : nullptr) {
+        std::fprintf(f, "%s ", h.name);
+        va_list ap;
+        va_start(ap, format);
+        std::vfprintf(f, format, ap);
+        va_end(ap);
+        std::fputc('\n', f);
+        std::fclose(f);
+    }
+    return result_for(h);
 }
 
-hook_state hcfg_fail{"KOR_TEST_HOOK_HCFG_FAIL", 0};
-hook_state data_rcvd{"KOR_TEST_HOOK_DATA_RCVD", 0};
-hook_state post_dl{"KOR_TEST_HOOK_POST_DL", 0};
-hook_state pre_metainstall{"KOR_TEST_HOOK_PRE_METAINSTALL", 0};
-hook_state pre_install{"KOR_TEST_HOOK_PRE_INSTALL", 0};
-hook_state post_write_out{"KOR_TEST_HOOK_POST_WRITE_OUT", 0};
-hook_state post_activate{"KOR_TEST_HOOK_POST_ACTIVATE", 0};
-hook_state on_failure{"KOR_TEST_HOOK_ON_FAILURE", 0};
-hook_state activate_post{"KOR_TEST_HOOK_ACTIVATE_POST", 0};
-
-unsigned setidx_of(const install_ctx* ctx) { return ctx ? ctx->setidx : 255u; }
+unsigned setidx_of(const install_ctx* c) { return c ? c->setidx : 255u; }
 
 }  // namespace
 
 extern "C" {
 
-int kor_install_hook_hcfg_fail(install_ctx* ctx, hostconfig*, int load_result)
+int kor_install_hook_hcfg_fail(install_ctx* c, hostconfig*, int load_result)
 {
-    record("kor_install_hook_hcfg_fail %u %d", setidx_of(ctx), load_result);
-    return result_for(hcfg_fail);
+    return hook(hcfg_fail, "%u %d", setidx_of(c), load_result);
 }
-
-int kor_install_hook_data_rcvd(install_ctx* ctx)
+int kor_install_hook_data_rcvd(install_ctx* c)
 {
-    record("kor_install_hook_data_rcvd %u", ctx ? ctx->received : 0u);
-    return result_for(data_rcvd);
+    return hook(data_rcvd, "%u", c ? c->received : 0u);
 }
-
-int kor_install_hook_post_dl(install_ctx* ctx, hostconfig*, int curl_result, const char* error)
+int kor_install_hook_post_dl(install_ctx* c, hostconfig*, int curl_result, const char* error)
 {
-    record("kor_install_hook_post_dl %u %d %s", setidx_of(ctx), curl_result, error ? error : "");
-    return result_for(post_dl);
+    return hook(post_dl, "%u %d %s", setidx_of(c), curl_result, error ? error : "");
 }
-
-int kor_install_hook_pre_metainstall(install_ctx* ctx, hostconfig*)
+int kor_install_hook_pre_metainstall(install_ctx* c, hostconfig*)
 {
-    record("kor_install_hook_pre_metainstall %u", setidx_of(ctx));
-    return result_for(pre_metainstall);
+    return hook(pre_metainstall, "%u", setidx_of(c));
 }
-
-int kor_install_hook_pre_install(install_ctx* ctx, hostconfig*)
+int kor_install_hook_pre_install(install_ctx* c, hostconfig*)
 {
-    record("kor_install_hook_pre_install %u", setidx_of(ctx));
-    return result_for(pre_install);
+    return hook(pre_install, "%u", setidx_of(c));
 }
-
-int kor_install_hook_post_write_out(install_ctx* ctx, hostconfig*)
+int kor_install_hook_post_write_out(install_ctx* c, hostconfig*)
 {
-    record("kor_install_hook_post_write_out %u", setidx_of(ctx));
-    return result_for(post_write_out);
+    return hook(post_write_out, "%u", setidx_of(c));
 }
-
-int kor_install_hook_post_activate(install_ctx* ctx, hostconfig*)
+int kor_install_hook_post_activate(install_ctx* c, hostconfig*)
 {
-    record("kor_install_hook_post_activate %u", setidx_of(ctx));
-    return result_for(post_activate);
+    return hook(post_activate, "%u", setidx_of(c));
 }
-
-int kor_install_hook_on_failure(install_ctx* ctx, hostconfig*, int status)
+int kor_install_hook_on_failure(install_ctx* c, hostconfig*, int status)
 {
-    record("kor_install_hook_on_failure %u %d", setidx_of(ctx), status);
-    return result_for(on_failure);
+    return hook(on_failure, "%u %d", setidx_of(c), status);
 }
-
 int kor_activate_hook_post(korl_data* d, hostconfig*)
 {
-    record("kor_activate_hook_post %u", d ? d->actset : 255u);
-    return result_for(activate_post);
+    return hook(activate_post, "%u", d ? d->actset : 255u);
 }
 
 }
