@@ -20,15 +20,14 @@ void put(bytes& b, size_t at, uint32_t v, int n = 4)
 uint32_t zcrc(const uint8_t* p, size_t n) { return uint32_t(crc32(0, p, uInt(n))); }
 void seal(bytes& b, size_t hdr_length) { put(b, 0, zcrc(b.data() + 4, hdr_length - 4)); }
 
-// File header followed by a 5-byte body, sealed after `change`.
-bytes file(uint8_t version, uint16_t hdr_length, const Change& change = {})
+// File header followed by a 5-byte body.
+bytes file(uint8_t version, uint16_t hdr_length)
 {
     bytes b(std::max<size_t>(hdr_length, 16) + 5, 7);
     b[4] = version;
     put(b, 6, hdr_length, 2);
     put(b, 8, 5);
     put(b, 12, zcrc(b.data() + b.size() - 5, 5));
-    if (change) change(b);
     seal(b, std::max<size_t>(hdr_length, 4));
     return b;
 }
@@ -42,7 +41,6 @@ bytes part(uint16_t type_id, uint16_t hdr_length, const bytes& body)
     put(b, 4, type_id, 2);
     put(b, 6, hdr_length, 2);
     put(b, 8, uint32_t(body.size()));
-    b[12] = 'k';
     put(b, 28, zcrc(body.data(), body.size()));
     seal(b, h);
     return b;
@@ -60,7 +58,6 @@ TEST(VelkValidate, IdentificationAndFileHeader)
     const Row rows[] = {
         {"good", file(1, 16), none, VELK_OK, VELK_OK},
         {"header of 24 bytes", file(1, 24), none, VELK_OK, VELK_OK},
-        {"byte 20 of a 24-byte header", file(1, 24), [](bytes& b) { b[20] ^= 1; }, VELK_ERR_HDR_CRC, VELK_OK},
         // The body is taken hdr_length bytes behind the header: one byte early here.
         {"hdr_length 15 with its CRC", file(1, 15), none, VELK_ERR_SHORT, VELK_ERR_BODY_CRC},
         {"version 2 before length", file(2, 15), none, VELK_ERR_VERSION, VELK_ERR_BODY_CRC},

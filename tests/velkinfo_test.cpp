@@ -73,7 +73,6 @@ TEST(Velkinfo, ReportsAndRefusals)
         {"10 bytes, -all", true, cut(img, 10), {"$F", "-all"}, 9, "", kNoHeader},
         {"24 bytes", true, mkvelk::build_image({}), {"$F"}, 9, "", kNoHeader},
         {"24 bytes, -all", true, mkvelk::build_image({}), {"$F", "-all"}, 9, "", kNoHeader},
-        {"identification only", true, cut(img, 8), {"$F"}, 9, "", kNoHeader},
         {"missing", false, {}, {"$F"}, 8, "", "velkinfo: could not open VELK\n"},
         {"no path", false, {}, {}, 1, "", "velkinfo: VELK is missing.\n"},
         {"empty", true, {}, {"$F"}, 9, "", "velkinfo: empty VELK\n"},
