@@ -24,9 +24,9 @@ uint32_t crc(const bytes& b, size_t at, size_t n)
 }
 
 // One stored field: offset within its record, width, kind.
-struct Field { const char* name; size_t at, width; char kind; };  // u unsigned, s signed, t text
+struct Field { const char* name; size_t at, width; char kind; };  // u/s integer, t text, r refs
 
-const Field kSet[] = {{"bootable", 0, 1, 'u'}, {"name", 1, 15, 't'}};
+const Field kSet[] = {{"bootable", 0, 1, 'u'}, {"name", 1, 15, 't'}, {"refs", 16, 22, 'r'}};
 const Field kInfo[] = {{"poolname", 0, 16, 't'}, {"pn", 16, 1, 'u'}, {"offset", 20, 4, 'u'},
                        {"size", 24, 4, 'u'}, {"mountpnt", 28, 32, 't'}, {"fstype", 60, 10, 't'}};
 const Field kRhdr[] = {{"major", 0, 1, 'u'}, {"minor", 1, 1, 'u'}, {"build", 2, 2, 'u'},
@@ -36,9 +36,18 @@ const Field kMeta[] = {{"hdr_crc", 0, 4, 'u'}, {"type_id", 4, 2, 'u'}, {"hdr_len
                        {"sw_major", 32, 1, 'u'}, {"sw_minor", 33, 1, 'u'},
                        {"sw_build", 34, 2, 'u'}, {"sw_build_id", 36, 28, 't'}};
 
+// A reference list up to its first -1 (0xFF); an all-zero list reads as empty.
+std::string refs(const bytes& b, size_t at)
+{
+    std::string s;
+    for (size_t r = 0; r < 22 && b.at(at + r) != 0xFF; r++) s += (r ? "," : "") + std::to_string(b[at + r]);
+    return s.find_first_not_of("0,") == std::string::npos && s.size() == 43 ? "" : s;
+}
+
 std::string value(const bytes& b, size_t at, const Field& f)
 {
     if (f.kind == 't') return text(b, at, f.width);
+    if (f.kind == 'r') return refs(b, at);
     uint32_t v = f.width == 1 ? u8(b, at) : f.width == 2 ? u16(b, at) : u32(b, at);
     return f.kind == 's' ? std::to_string(static_cast<int32_t>(v)) : std::to_string(v);
 }
@@ -86,17 +95,6 @@ std::string decode_kor_data(const bytes& b)
     if (b.size() < 3240) return "";
     std::string out = "actset=" + std::to_string(u8(b, 0)) + "\n";
     records(b, "set", 1, 38, 3, kSet, &out);
-    for (size_t s = 0; s < 3; s++) {  // refs up to the first -1 (0xFF); all-zero lists left out
-        std::string refs;
-        bool zero = true;
-        for (size_t r = 0; r < 22; r++) {
-            int ref = static_cast<int8_t>(u8(b, 1 + 38 * s + 16 + r));
-            zero = zero && ref == 0;
-            if (ref == -1) break;
-            refs += (r ? "," : "") + std::to_string(ref);
-        }
-        if (!zero) out += "set[" + std::to_string(s) + "].refs=" + refs + "\n";
-    }
     records(b, "partinfo", 116, 72, 22, kInfo, &out);
     records(b, "rhdr", 1700, 44, 3, kRhdr, &out);
     records(b, "pinfometa", 1832, 64, 22, kMeta, &out);
