@@ -17,6 +17,7 @@
 extern "C" int kor_activate_hook_post(korl_data*, hostconfig*) { return 42; }
 
 namespace {
+#ifdef KOR_PLUGINS
 
 using call_fn = int (*)(const kor_hooks&, install_ctx*, korl_data*);
 #define CALL(expr) [](const kor_hooks& h, [[maybe_unused]] install_ctx* c, [[maybe_unused]] korl_data* d) { return expr; }
@@ -86,4 +87,19 @@ TEST(Hooks, PluginThatDoesNotLoadChangesNothing)
     }));
 }
 
+#else
+
+// Such a build never calls a hook, not even one linked in.
+TEST(Hooks, WithoutPluginSupportNoHookIsBound)
+{
+    KOR_SANDBOX_OR_SKIP();
+    sandbox::Device dev;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(kor_plugin_load(KOR_PLUGIN_test_plugin), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "plugin support not enabled.\n");
+    kor_hooks none{};
+    EXPECT_EQ(std::memcmp(&none, kor_hooks_get(), sizeof none), 0);
+}
+
+#endif
 }  // namespace
