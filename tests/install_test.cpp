@@ -66,19 +66,13 @@ uint32_t meta_crc(const bytes& kd, int p)
     return m[0] | m[1] << 8 | m[2] << 16 | uint32_t(m[3]) << 24;
 }
 
-// The kernel part's bytes in the image: its header and its body.
-void kernel_bytes(const bytes& img, bytes* header, bytes* body)
+// The kernel part's header in the image (part 2).
+bytes kernel_header(const bytes& img)
 {
     size_t pos = 24;
-    for (int k = 0; k < 3; ++k) {
-        size_t hl = img[pos + 6] | img[pos + 7] << 8;
-        size_t bl = img[pos + 8] | img[pos + 9] << 8 | img[pos + 10] << 16;
-        if (k == 2) {
-            *header = bytes(img.begin() + pos, img.begin() + pos + hl);
-            *body = bytes(img.begin() + pos + hl, img.begin() + pos + hl + bl);
-        }
-        pos += hl + ((bl + 3) & ~size_t{3});
-    }
+    for (int k = 0; k < 2; ++k)
+        pos += (img[pos + 6] | img[pos + 7] << 8) + (((img[pos + 8] | img[pos + 9] << 8) + 3) & ~3);
+    return bytes(img.begin() + pos, img.begin() + pos + (img[pos + 6] | img[pos + 7] << 8));
 }
 
 struct StatusRow {
@@ -118,6 +112,9 @@ const StatusRow status_rows[] = {
     {"minver above", {"1", "-minver=1.0.2", "-f"}, kKorm, 0, 7,
      "install: Version in release header lower than 1.0-2\n"},
     {"minver equal", {"1", "-minver=1.0.1"}, kKorm, 0, 0, ""},
+    {"verbose plan lines", {"1", "-v"}, kKorm, 0, 0,
+     "1: name=root action=1 velk_cidx=3 partinfo_idx=13 wts=1\n"
+     "2: name=release action=0 velk_cidx=0 partinfo_idx=0 wts=0\n"},
 };
 
 TEST(Install, StatusesAndMessages)
@@ -151,8 +148,7 @@ TEST(Install, WriteTypesLayOutThePartition)
         bytes img = mkvelk::build_image(parts(korm));
         RunResult r = d.kor({"install", put(d, img), "1"});
         ASSERT_EQ(r.status, 0) << r.err;
-        bytes header, body;
-        kernel_bytes(img, &header, &body);
+        bytes header = kernel_header(img), body = pattern(1001, 1);
         bytes expect = wts == 2 ? header : body;
         const bytes& second = wts == 2 ? body : header;
         if (wts == 3) expect.resize((body.size() + 3) & ~size_t{3}, 0);
@@ -174,13 +170,6 @@ void layout(Device& d, int odd_pn, uint64_t odd_size)
         uint64_t size = pn <= 4 ? sandbox::kHostconfigPartSize : 4 << 20;
         d.add_partition(pn, pn == odd_pn ? odd_size : size);
     }
-}
-
-bytes kernel_body(const bytes& img)
-{
-    bytes header, body;
-    kernel_bytes(img, &header, &body);
-    return body;
 }
 
 struct OptionRow {
@@ -213,8 +202,11 @@ TEST(Install, OptionsChangeWhatIsWrittenAndRecorded)
         args.insert(args.end(), row.args.begin(), row.args.end());
         RunResult r = d.kor(args);
         EXPECT_EQ(r.status, row.status) << r.err;
-        bytes body = kernel_body(img);
+        bytes body = pattern(1001, 1);  // the kernel
         EXPECT_EQ(d.read(Device::part(11), 0, body.size()) == body, row.written);
+        EXPECT_EQ(r.out.find("Writing out 1001 bytes of data to /dev/mmcblk0p11\n") !=
+                      std::string::npos,
+                  row.written);
         EXPECT_EQ(actset(kor_data(d)), row.actset);
         EXPECT_EQ(d.exists("/tmp/kor.activeset") ? d.read_file("/tmp/kor.activeset") : "",
                   row.activeset);
@@ -284,7 +276,7 @@ TEST(Install, KeptPartitionsAreChecked)
         EXPECT_EQ(r.status, row.status) << r.err;
         for (const std::string& m : row.messages)
             EXPECT_NE(r.err.find(m), std::string::npos) << m << r.err;
-        bytes body = kernel_body(first);
+        bytes body = pattern(1001, 1);
         if (row.kernel_in) {
             EXPECT_EQ(d.read(Device::part(row.kernel_in), 0, body.size()), body);
         }
