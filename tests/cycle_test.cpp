@@ -74,21 +74,21 @@ TEST(Activate, Table)
 {
     KOR_SANDBOX_OR_SKIP();
     // set1: -1 nothing stored, 0 no refs, 1 good, 2 a partition damaged, 3 an entry empty.
-    // Flags before each run: {0x01, 0x03}.
-    const struct { strings args; int set1, status; std::string err; int actset; bytes flags; } cases[] = {
-        {{"activate", "1"}, 1, 0, "", 1, {0x00, 0x03}},
-        {{"activate", "SET1"}, 1, 0, "", 1, {0x00, 0x03}},
-        {{"activate", "0x1"}, 1, 0, "", 1, {0x00, 0x03}},
-        {{"-dryrun", "activate", "1"}, 1, 0, "", 0, {0x01, 0x03}},
-        {{"-f", "activate", "2"}, 0, 0, "", 2, {0x01, 0x00}},
-        {{"-f", "activate", "0"}, 0, 0, "", 0, {0x01, 0x03}},
-        {{"activate", "3"}, 1, 1, "activate: invalid set id: 3\n", 0, {0x01, 0x03}},
-        {{"activate", "FOO"}, 1, 1, "activate: invalid set id: FOO\n", 0, {0x01, 0x03}},
-        {{"activate"}, 1, 1, "activate: invalid set id: (none)\n", 0, {0x01, 0x03}},
-        {{"activate", "2"}, 0, 1, "activate: set 2 validation err=1\n", 0, {0x01, 0x03}},
-        {{"activate", "1"}, -1, 1, "activate: set 1 validation err=1\n", 0, {0x01, 0x03}},
-        {{"activate", "1"}, 2, 1, "activate: set 1 validation err=4\n", 0, {0x01, 0x03}},
-        {{"activate", "1"}, 3, 1, "activate: set 1 validation err=2\n", 0, {0x01, 0x03}},
+    // Flags before each run: {0x01, 0x03}. hook: the active set the plugin's hook saw (-1: not called).
+    const struct { strings args; int set1, status; std::string err; int actset; bytes flags; int hook; } cases[] = {
+        {{"activate", "1"}, 1, 0, "", 1, {0x00, 0x03}, 1},
+        {{"activate", "SET1"}, 1, 0, "", 1, {0x00, 0x03}, 1},
+        {{"activate", "0x1"}, 1, 0, "", 1, {0x00, 0x03}, 1},
+        {{"-dryrun", "activate", "1"}, 1, 0, "", 0, {0x01, 0x03}, 1},
+        {{"-f", "activate", "2"}, 0, 0, "", 2, {0x01, 0x00}, 2},
+        {{"-f", "activate", "0"}, 0, 0, "", 0, {0x01, 0x03}, 0},
+        {{"activate", "3"}, 1, 1, "activate: invalid set id: 3\n", 0, {0x01, 0x03}, -1},
+        {{"activate", "FOO"}, 1, 1, "activate: invalid set id: FOO\n", 0, {0x01, 0x03}, -1},
+        {{"activate"}, 1, 1, "activate: invalid set id: (none)\n", 0, {0x01, 0x03}, -1},
+        {{"activate", "2"}, 0, 1, "activate: set 2 validation err=1\n", 0, {0x01, 0x03}, -1},
+        {{"activate", "1"}, -1, 1, "activate: set 1 validation err=1\n", 0, {0x01, 0x03}, -1},
+        {{"activate", "1"}, 2, 1, "activate: set 1 validation err=4\n", 0, {0x01, 0x03}, -1},
+        {{"activate", "1"}, 3, 1, "activate: set 1 validation err=2\n", 0, {0x01, 0x03}, -1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args.back() + " set1=" + std::to_string(c.set1));
@@ -101,7 +101,14 @@ TEST(Activate, Table)
         if (c.set1 == 1 || c.set1 == 2) install(f.dev, f.m, 12, c.set1 == 1);
         if (c.set1 >= 0) store(f.m);
         f.dev.write(Device::part(3), kFlags, {0x01, 0x03});
-        sandbox::RunResult r = f.dev.kor(c.args);
+        sandbox::RunOptions o;
+        std::string hooks = f.dev.workdir() + "/hooks.log";
+        o.env = {{"KOR_TEST_HOOK_LOG", hooks}, {"KOR_TEST_HOOK_ACTIVATE_POST", "7"}};  // result ignored
+        strings args = c.args;
+        args.push_back("-plugin=" + f.dev.stage(KOR_PLUGIN_test_plugin));
+        sandbox::RunResult r = f.dev.kor(args, o);
+        EXPECT_EQ(f.dev.exists(hooks) ? f.dev.read_file(hooks) : "",
+                  c.hook < 0 ? "" : "kor_activate_hook_post " + std::to_string(c.hook) + "\n");
         EXPECT_EQ(r.status, c.status);
         EXPECT_EQ(r.err, c.err);
         if (c.status != 0) { EXPECT_EQ(r.log.back().priority, LOG_ERR); }
