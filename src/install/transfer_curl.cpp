@@ -105,12 +105,12 @@ void advise_huge_pages(void* buffer, size_t size)
     ctx->buffer_size = ctx->options->velksize;
     size_t size = ctx->buffer_size ? ctx->buffer_size : 1;
     ctx->buffer = static_cast<uint8_t*>(calloc(size, 1));
-    if (ctx->buffer != nullptr) advise_huge_pages(ctx->buffer, size);
     if (ctx->buffer == nullptr) {
         log_console(LOG_ERR, "install: cannot allocate %u bytes for the image\n",
                     ctx->buffer_size);
         return 1;
     }
+    advise_huge_pages(ctx->buffer, size);
     ctx->buffer_fill = 0;
     ctx->parser = velk_stream_parser_init(nullptr, ctx->buffer);
     if (ctx->parser == nullptr) {
@@ -135,18 +135,22 @@ void advise_huge_pages(void* buffer, size_t size)
 }
 
 // Runs the transfer, restarting it behind every body the receiver skipped.
+// The handle outlives error_text (it is cleaned up at the install's end), so
+// it lets go of the buffer before returning.
 CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char* scheme,
                                char* error_text)
 {
     CURL* curl = static_cast<CURL*>(ctx->curl);
     curl_setup(ctx, source, scheme, error_text);
-    for (;;) {
-        CURLcode r = curl_easy_perform(curl);
-        if (r != CURLE_WRITE_ERROR || ctx->state != INSTALL_STATE_SKIP) return r;
+    CURLcode r = curl_easy_perform(curl);
+    while (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_SKIP) {
         curl_easy_reset(curl);
         curl_setup(ctx, source, scheme, error_text);
         clear_header_text(ctx);
+        r = curl_easy_perform(curl);
     }
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+    return r;
 }
 
 }  // namespace
