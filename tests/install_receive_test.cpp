@@ -16,8 +16,6 @@ namespace {
 
 using mkvelk::bytes;
 
-constexpr uint32_t kKornelBody = 1000;
-
 // Part 2 goes to KNLS with no version given, which plans it onto the
 // installed member (action 2): its body is not wanted. Part 3 is written.
 std::vector<mkvelk::part> image_parts(const std::string& korm_first = "")
@@ -26,24 +24,25 @@ std::vector<mkvelk::part> image_parts(const std::string& korm_first = "")
     if (!korm_first.empty()) p.push_back(mkvelk::korm(korm_first));
     p.push_back(mkvelk::release_header(1, 0, 1, 0, "b1", "products=dev1\n"));
     p.push_back(mkvelk::korm("2,KNLS,0,-,-,-,-1.-1.-1,1\n3,ROOTS,0,-,-,-,1.0.1,1\n"));
-    p.push_back(mkvelk::software("kernel", 1, 0, 1, "k1", bytes(kKornelBody, 0xAB)));
+    p.push_back(mkvelk::software("kernel", 1, 0, 1, "k1", bytes(1000, 0xAB)));
     p.push_back(mkvelk::software("root", 1, 0, 1, "r1", bytes(3001, 0xCD)));
     return p;
 }
 
-// Offsets of part 2's start, of the first byte behind its header, and
-// behind its body.
-void part2_bounds(const bytes& img, uint32_t* header_end, uint32_t* body_end,
-                  uint32_t* start = nullptr)
+// Where part 2 starts, where its header ends and where its body ends.
+struct bounds {
+    uint32_t start, header_end, body_end;
+};
+bounds part2_bounds(const bytes& img)
 {
-    uint32_t pos = 24;
+    bounds b{0, 0, 24};
     for (int k = 0; k < 3; ++k) {
-        const auto* h = reinterpret_cast<const velk_content_header*>(img.data() + pos);
-        if (start) *start = pos;
-        *header_end = pos + h->hdr_length;
-        pos += h->hdr_length + velk_pad4(h->body_length);
-        *body_end = pos;
+        b.start = b.body_end;
+        const auto* h = reinterpret_cast<const velk_content_header*>(img.data() + b.start);
+        b.header_end = b.start + h->hdr_length;
+        b.body_end = b.header_end + velk_pad4(h->body_length);
     }
+    return b;
 }
 
 struct Receiver {
@@ -70,7 +69,6 @@ struct Receiver {
         ctx.buffer_size = size;
         ctx.parser = velk_stream_parser_init(nullptr, ctx.buffer);
         ctx.curl = &dummy_curl;
-        ctx.range_mode = 1;
         ctx.next_element = -1;
     }
     ~Receiver() { velk_stream_parser_deinit(ctx.parser); }
@@ -115,10 +113,10 @@ struct ReceiveCase {
 };
 
 const ReceiveCase receive_cases[] = {
-    {"whole image in one piece (planned too late to skip)", cuts_at::one_piece, 1, 1, "", INSTALL_STATE_PARSING, false},
+    // "korm" and part 2's header in one piece: planned too late to skip.
+    {"one piece", cuts_at::one_piece, 1, 1, "", INSTALL_STATE_PARSING, false},
     {"piece ends with part 2 header", cuts_at::header_end, 1, 1, "", INSTALL_STATE_PARSING, true},
-    {"piece ends inside part 2 header", cuts_at::mid_header, 1, 1, "", INSTALL_STATE_PARSING,
-     true},
+    {"piece ends in part 2 header", cuts_at::mid_header, 1, 1, "", INSTALL_STATE_PARSING, true},
     {"byte by byte", cuts_at::byte_by_byte, 1, 1, "", INSTALL_STATE_PARSING, true},
     {"first piece below 24 bytes", cuts_at::first_23, 1, 1, "", INSTALL_STATE_PARSING, false},
     {"range mode off", cuts_at::header_end, 1, 0, "", INSTALL_STATE_PARSING, false},
@@ -129,13 +127,11 @@ const ReceiveCase receive_cases[] = {
 
 std::vector<uint32_t> make_cuts(cuts_at c, const bytes& img)
 {
-    uint32_t header_end = 0;
-    uint32_t body_end = 0;
-    uint32_t start = 0;  // the "korm" part ends here: planned by the first piece
-    part2_bounds(img, &header_end, &body_end, &start);
+    // Pieces end behind the "korm" part first, so that it is planned early.
+    auto [start, header_end, body_end] = part2_bounds(img);
     std::vector<uint32_t> v;
     switch (c) {
-    case cuts_at::one_piece: break;
+    case cuts_at::one_piece: return v;
     case cuts_at::header_end: v = {start, header_end}; break;
     case cuts_at::mid_header: v = {start, header_end - 10, header_end + 8}; break;
     case cuts_at::first_23: v = {23}; break;
@@ -156,9 +152,7 @@ TEST(InstallReceive, PiecesSkipsAndRefusals)
         std::vector<uint32_t> skips = rx.feed(img, make_cuts(c.cuts, img));
         EXPECT_EQ(rx.ctx.state, c.state);
         if (c.state == INSTALL_STATE_FAILED) continue;
-        uint32_t header_end = 0;
-        uint32_t body_end = 0;
-        part2_bounds(img, &header_end, &body_end);
+        auto [start, header_end, body_end] = part2_bounds(img);
         EXPECT_EQ(velk_stream_parser_get_status(rx.ctx.parser), 3);
         EXPECT_EQ(rx.ctx.received, rx.fed);
         EXPECT_EQ(rx.fed < img.size(), c.skipped);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,11 +36,19 @@ std::vector<mkvelk::part> parts(const std::string& korm, bool kernel_as_data = f
             mkvelk::software("root", 1, 0, 1, "r1", pattern(3001, 2))};
 }
 
-std::string put(Device& d, const bytes& img, const std::string& name = "img.velk")
+std::string put(Device& d, const bytes& img)
 {
-    std::string path = d.workdir() + "/" + name;
-    d.write_file(path, std::string(img.begin(), img.end()));
-    return path;
+    d.write_file(d.workdir() + "/img.velk", std::string(img.begin(), img.end()));
+    return d.workdir() + "/img.velk";
+}
+
+// kor install PATH, then the given words.
+RunResult install(Device& d, const std::string& path, std::vector<std::string> args,
+                  const std::string& first = "")
+{
+    if (!first.empty()) args.insert(args.begin(), first);
+    args.insert(args.begin(), {"install", path});
+    return d.kor(args);
 }
 
 // The "KOR data" body of the hostconfig on p3, found by walking the VELK
@@ -60,10 +69,10 @@ bytes kor_data(const Device& d)
 }
 int actset(const bytes& kd) { return kd.empty() ? -1 : kd[0]; }
 int ref(const bytes& kd, int set, int i) { return int8_t(kd[1 + 38 * set + 16 + i]); }
-uint32_t meta_crc(const bytes& kd, int p)
+uint32_t meta_crc(const bytes& kd, int p)  // body_crc of pinfometa p
 {
-    const uint8_t* m = &kd[1832 + 64 * p + 28];
-    return m[0] | m[1] << 8 | m[2] << 16 | uint32_t(m[3]) << 24;
+    return kd[1860 + 64 * p] | kd[1861 + 64 * p] << 8 | kd[1862 + 64 * p] << 16 |
+           uint32_t(kd[1863 + 64 * p]) << 24;
 }
 
 // The kernel part's header in the image (part 2).
@@ -128,9 +137,7 @@ TEST(Install, StatusesAndMessages)
         if (row.image == 2) img.resize(img.size() - 4);
         if (row.image == 3) img.clear();
         std::string path = row.image == 4 ? d.workdir() + "/none" : put(d, img);
-        std::vector<std::string> args{"install", path};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        RunResult r = d.kor(args);
+        RunResult r = install(d, path, row.args);
         EXPECT_EQ(r.status, row.status) << r.err;
         EXPECT_NE(r.err.find(row.message), std::string::npos) << r.err;
         EXPECT_EQ(actset(kor_data(d)), row.status == 0 ? row.actset : -1);
@@ -161,7 +168,6 @@ TEST(Install, WriteTypesLayOutThePartition)
         EXPECT_NE(meta_crc(kd, 11), 0u);
     }
 }
-
 
 // Partitions of the default layout, one of them of another size.
 void layout(Device& d, int odd_pn, uint64_t odd_size)
@@ -198,9 +204,7 @@ TEST(Install, OptionsChangeWhatIsWrittenAndRecorded)
         d.with_default_layout();
         d.write_file("/tmp/kor.activeset", "2");
         bytes img = mkvelk::build_image(parts(kKorm));
-        std::vector<std::string> args{"install", put(d, img), "1"};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        RunResult r = d.kor(args);
+        RunResult r = install(d, put(d, img), row.args, "1");
         EXPECT_EQ(r.status, row.status) << r.err;
         bytes body = pattern(1001, 1);  // the kernel
         EXPECT_EQ(d.read(Device::part(11), 0, body.size()) == body, row.written);
@@ -269,10 +273,7 @@ TEST(Install, KeptPartitionsAreChecked)
         bytes first = mkvelk::build_image(parts(kKorm));
         ASSERT_EQ(d.kor({"install", put(d, first), "1"}).status, 0);
         d.write(Device::part(11), 0, bytes(16, 0xEE));
-        std::vector<std::string> args{"install", put(d, mkvelk::build_image(parts(row.korm))),
-                                      row.set};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        RunResult r = d.kor(args);
+        RunResult r = install(d, put(d, mkvelk::build_image(parts(row.korm))), row.args, row.set);
         EXPECT_EQ(r.status, row.status) << r.err;
         for (const std::string& m : row.messages)
             EXPECT_NE(r.err.find(m), std::string::npos) << m << r.err;
@@ -310,9 +311,7 @@ TEST(Install, FailedWritesAreRecorded)
         SCOPED_TRACE(row.name);
         Device d;
         layout(d, row.small_pn, row.small_size);
-        std::vector<std::string> args{"install", put(d, mkvelk::build_image(parts(row.korm)))};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        RunResult r = d.kor(args);
+        RunResult r = install(d, put(d, mkvelk::build_image(parts(row.korm))), row.args);
         EXPECT_EQ(r.status, row.status) << r.err;
         EXPECT_NE(r.err.find(row.message), std::string::npos) << r.err;
         EXPECT_FALSE(d.exists("/tmp/kor.autoset"));
@@ -356,12 +355,9 @@ TEST(Install, HooksAreCalledAtTheirSteps)
                              "-plugin=" + d.stage(KOR_PLUGIN_test_plugin)},
                             o);
         EXPECT_EQ(r.status, row.status) << r.err;
-        std::string calls, text = d.read_file(log);
-        for (size_t pos = 0, nl; (nl = text.find('\n', pos)) != std::string::npos; pos = nl + 1) {
-            std::string line = text.substr(pos, nl + 1 - pos);
-            if (line.rfind("kor_install_hook_", 0) == 0 && line.find("data_rcvd") == std::string::npos)
-                calls += line.substr(17);
-        }
+        std::string calls, line, text = d.read_file(log);
+        for (std::istringstream in(text); std::getline(in, line);)
+            if (line.find("data_rcvd") == std::string::npos) calls += line.substr(17) + "\n";
         EXPECT_EQ(calls, row.calls);
         EXPECT_EQ(text.rfind("kor_install_hook_data_rcvd", 0), 0u);
         EXPECT_EQ(actset(kor_data(d)), row.saved ? 1 : -1);

@@ -127,7 +127,8 @@ bool write_element(install_ctx* c, int i)
     bool known = e->partinfo_idx >= 0 && e->partinfo_idx < KORL_PARTINFOS;
     if (cp && known) {
         char device[32];
-        zb_snprintf(device, sizeof device, "/dev/mmcblk0p%i", c->data->partinfo[e->partinfo_idx].pn);
+        int pn = c->data->partinfo[e->partinfo_idx].pn;
+        zb_snprintf(device, sizeof device, "/dev/mmcblk0p%i", pn);
         zb_printf("Writing out %u bytes of data to %s\n", cp->body_length, device);
         if (write_device(device, cp, e->wts)) return verify_written(c, i);
     }
