@@ -89,8 +89,27 @@ int plan_newest(korl_data* d, korm_element* e)
     return KORL_META_INSTALL_OK;
 }
 
+// The lowest partition of the pool that no other set lists and that no
+// earlier element of this plan already took: two lines for one pool must
+// not be written into the same partition, nor over a partition another
+// line keeps.
+int unused_for_plan(const korl_data* d, const char* pool, int setidx,
+                    const korm_element* elements, const korm_element* e)
+{
+    int idx = korl_get_unused_partinfo(d, pool, setidx);
+    bool taken[KORL_PARTINFOS] = {};
+    for (const korm_element* p = elements; p < e; ++p)
+        if (p->action != 0 && valid_partinfo(p->partinfo_idx)) taken[p->partinfo_idx] = true;
+    if (idx < 0 || !taken[idx]) return idx;
+    korl_data rest = *d;  // the same choice with the taken partitions set aside
+    for (int i = 0; i < KORL_PARTINFOS; ++i)
+        if (taken[i]) rest.partinfo[i].poolname[0] = '\0';
+    return korl_get_unused_partinfo(&rest, pool, setidx);
+}
+
 // The content must be written: reserve a partition of the element's pool.
-int plan_write(korl_data* d, int setidx, korm_element* e, int force)
+int plan_write(korl_data* d, int setidx, const korm_element* elements, korm_element* e,
+               int force)
 {
     if (e->cidx < 0) return KORL_META_INSTALL_ERR_DEPENDENCY;
     pool_text pool = element_pool(e);
@@ -102,7 +121,7 @@ int plan_write(korl_data* d, int setidx, korm_element* e, int force)
         if (!force) return KORL_META_INSTALL_ERR_SINGLETON;
         idx = items[0];
     } else {
-        idx = korl_get_unused_partinfo(d, pool.s, setidx);
+        idx = unused_for_plan(d, pool.s, setidx, elements, e);
         if (idx < 0) return KORL_META_INSTALL_ERR_NO_FREE_PARTINFO;
     }
     if (!valid_partinfo(idx)) return KORL_META_INSTALL_ERR_FATAL;
@@ -111,7 +130,8 @@ int plan_write(korl_data* d, int setidx, korm_element* e, int force)
     return KORL_META_INSTALL_OK;
 }
 
-int plan_element(korl_data* d, int setidx, korm_element* e, const char* platform, int force)
+int plan_element(korl_data* d, int setidx, const korm_element* elements, korm_element* e,
+                 const char* platform, int force)
 {
     if (for_other_platform(e, platform)) return KORL_META_INSTALL_OK;
     if (e->meta_valid == 0) return plan_newest(d, e);
@@ -121,7 +141,7 @@ int plan_element(korl_data* d, int setidx, korm_element* e, const char* platform
         e->partinfo_idx = found;
         return KORL_META_INSTALL_OK;
     }
-    return plan_write(d, setidx, e, force);
+    return plan_write(d, setidx, elements, e, force);
 }
 
 // An element the recording can take: its partition and, for a write, its
@@ -262,7 +282,7 @@ int korl_meta_install_part1(korl_data* d, int setidx, const korl_rhdr* release,
     }
     if (!elements[0].used) return KORL_META_INSTALL_ERR_NO_CONTENT;
     for (int i = 0; i < KORL_KORM_ELEMENTS && elements[i].used; ++i) {
-        int r = plan_element(d, setidx, &elements[i], platform, force);
+        int r = plan_element(d, setidx, elements, &elements[i], platform, force);
         if (r != KORL_META_INSTALL_OK) return r;
     }
     return KORL_META_INSTALL_OK;
