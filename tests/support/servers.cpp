@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 namespace servers {
@@ -71,6 +70,17 @@ T wait_for(Get get, Enough enough)
         v = get();
     }
     return v;
+}
+
+// Lines of `text` that contain `marker`.
+std::vector<std::string> lines_with(const std::string& text, const std::string& marker)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        if (line.find(marker) != std::string::npos) out.push_back(line);
+    return out;
 }
 
 bool send_all(int fd, const void* data, size_t n)
@@ -198,16 +208,14 @@ std::vector<Served> Nginx::log(size_t at_least) const
 {
     auto parse = [this] {
         std::vector<Served> out;
-        std::istringstream in(slurp(dir_ + "/access.log"));
-        std::string line;
-        static const std::regex re(R"re((\d+) (\d+) "([^"]*)")re");
-        std::smatch m;
-        while (std::getline(in, line)) {
-            if (!std::regex_search(line, m, re)) continue;
+        for (const auto& line : lines_with(slurp(dir_ + "/access.log"), " \"")) {
             Served s;
-            s.status = std::stoi(m[1]);
-            s.bytes = std::stoull(m[2]);
-            s.range = m[3] == "-" ? "" : m[3].str();
+            char range[256] = "";
+            if (std::sscanf(line.c_str(), "%d %" SCNu64 " \"%255[^\"]\"", &s.status, &s.bytes,
+                            range) != 3) {
+                continue;
+            }
+            s.range = std::strcmp(range, "-") == 0 ? "" : range;
             out.push_back(s);
         }
         return out;
@@ -247,32 +255,30 @@ std::string Vsftpd::url(const std::string& name) const
 
 std::string Vsftpd::log_text(size_t downloads) const
 {
-    static const std::regex done("DOWNLOAD: ");
-    auto count = [](const std::string& t) {
-        return static_cast<size_t>(
-            std::distance(std::sregex_iterator(t.begin(), t.end(), done), std::sregex_iterator()));
-    };
     return wait_for<std::string>([this] { return slurp(dir_ + "/vsftpd.log"); },
-                                 [&](const std::string& t) { return count(t) >= downloads; });
+                                 [&](const std::string& t) {
+                                     return lines_with(t, "DOWNLOAD: ").size() >= downloads;
+                                 });
 }
 
 std::vector<uint64_t> Vsftpd::rests(size_t downloads) const
 {
-    std::string t = log_text(downloads);
-    static const std::regex re(R"re("REST (\d+)")re");
     std::vector<uint64_t> out;
-    for (std::sregex_iterator i(t.begin(), t.end(), re), e; i != e; ++i)
-        out.push_back(std::stoull((*i)[1]));
+    for (const auto& line : lines_with(log_text(downloads), "\"REST "))
+        out.push_back(std::stoull(line.substr(line.find("\"REST ") + 6)));
     return out;
 }
 
 std::vector<uint64_t> Vsftpd::downloads(size_t at_least) const
 {
-    std::string t = log_text(at_least);
-    static const std::regex re(R"re(DOWNLOAD: Client "[^"]*", "[^"]*", (\d+) bytes)re");
+    // ... DOWNLOAD: Client "127.0.0.1", "/img.velk", 12345 bytes, ...
     std::vector<uint64_t> out;
-    for (std::sregex_iterator i(t.begin(), t.end(), re), e; i != e; ++i)
-        out.push_back(std::stoull((*i)[1]));
+    for (const auto& line : lines_with(log_text(at_least), "DOWNLOAD: ")) {
+        size_t end = line.find(" bytes");
+        size_t start = line.rfind(", ", end);
+        if (end != std::string::npos && start != std::string::npos)
+            out.push_back(std::stoull(line.substr(start + 2, end - start - 2)));
+    }
     return out;
 }
 
@@ -335,9 +341,12 @@ void Scripted::answer(int fd)
         if (r <= 0) return;
         request.append(buf, static_cast<size_t>(r));
     }
-    std::smatch m;
-    static const std::regex range_re("\r\nRange: ([^\r]*)\r\n", std::regex::icase);
-    std::string range = std::regex_search(request, m, range_re) ? m[1].str() : "";
+    std::string range;
+    size_t at = request.find("\r\nRange: ");
+    if (at != std::string::npos) {
+        at += 9;
+        range = request.substr(at, request.find("\r\n", at) - at);
+    }
     {
         std::lock_guard<std::mutex> lock(mutex_);
         ranges_.push_back(range);

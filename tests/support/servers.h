@@ -46,7 +46,9 @@ private:
 
 class Nginx {
 public:
-    // Serves the files of `docroot`; config, logs, pid and temp files go to `dir`.
+    // Serves the files of `docroot`; config, logs, pid and temp files go to
+    // `dir`. Its 64 KiB send buffer keeps the bytes it logs as sent close to
+    // what the client read before closing a connection.
     Nginx(const std::string& dir, const std::string& docroot);
     bool ok() const { return ok_; }
     const std::string& error() const { return proc_.error(); }
