@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <syslog.h>
 #include <vector>
 
 #include "support/sandbox.h"
@@ -99,7 +100,9 @@ void run_edit_rows(const std::vector<Row>& rows, Stored stored_text)
             continue;
         }
         EXPECT_EQ(r.err, row.expect) << row.args[1];
-        EXPECT_NE(r.log_text().find(row.expect), std::string::npos) << row.args[1];
+        bool logged = false;
+        for (const sandbox::LogLine& l : r.log) logged |= l.priority == LOG_ERR && l.text == row.expect;
+        EXPECT_TRUE(logged) << row.args[1] << " not in syslog at LOG_ERR: " << r.log_text();
         EXPECT_TRUE(device_untouched(d)) << row.args[1];
     }
 }

@@ -31,7 +31,7 @@ enum class conv { none, taken, bad };
 
 // "PREFIX<number>" in `base`; a number that does not fit 32 bits is bad
 // rather than silently wrapped.
-conv number_option(const char* word, const char* prefix, int base, long long lo, long long hi,
+[[nodiscard]] conv number_option(const char* word, const char* prefix, int base, long long lo, long long hi,
                    long long* out)
 {
     size_t plen = std::strlen(prefix);
@@ -44,7 +44,7 @@ conv number_option(const char* word, const char* prefix, int base, long long lo,
     return conv::taken;
 }
 
-conv u32_option(const char* word, const char* prefix, int base, uint32_t* out)
+[[nodiscard]] conv u32_option(const char* word, const char* prefix, int base, uint32_t* out)
 {
     long long v = 0;
     conv c = number_option(word, prefix, base, 0, kU32Max, &v);
@@ -54,7 +54,7 @@ conv u32_option(const char* word, const char* prefix, int base, uint32_t* out)
 
 // One option word through the forms in their fixed order; the first that
 // converts wins, a word that matches none is ignored.
-conv option_word(const char* w, partinfo_args* a)
+[[nodiscard]] conv option_word(const char* w, partinfo_args* a)
 {
     conv c = u32_option(w, "-offset=", 16, &a->offset);
     if (c != conv::none) return c;
@@ -75,7 +75,7 @@ int wrong_syntax()
 }
 
 // PARTIDX POOLNAME SIZE [options] into entry `idx`. 0 or the exit status.
-int fill_entry(kor_options* opts, korl_data* d, int idx)
+[[nodiscard]] int fill_entry(kor_options* opts, korl_data* d, int idx)
 {
     if (opts->nwords < 4) return wrong_syntax();
     long long size = 0;

@@ -19,7 +19,7 @@ constexpr char kRefsPrefix[] = "-refs=";
 // of the text or at anything but a comma behind a number. Every entry must
 // be a partition info index (or -1): a ref beyond the table would make
 // later actions read past it. 0 or the exit status.
-int parse_refs(const char* list, int8_t refs[KORL_REFS])
+[[nodiscard]] int parse_refs(const char* list, int8_t refs[KORL_REFS])
 {
     std::memset(refs, -1, KORL_REFS);
     int n = 0;
