@@ -110,10 +110,7 @@ velk_stream_parser* velk_stream_parser_init(velk_stream_parser* p, uint8_t* buff
         p = static_cast<velk_stream_parser*>(std::calloc(1, sizeof *p));
         if (!p) return nullptr;
     }
-    std::memset(p, 0, sizeof *p);
-    for (auto& part : p->parts) part = nullptr;
-    p->header = nullptr;
-    p->current = nullptr;
+    *p = velk_stream_parser{};  // counters 0, header, current and parts null
     p->buffer = buffer;
     p->status = 1;
     p->allocated = allocate ? 1 : 0;
