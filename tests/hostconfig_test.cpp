@@ -98,7 +98,12 @@ TEST(HostconfigContainer, AddGrowsByPaddedSizeWithinCapacityAndTwentyParts)
     EXPECT_EQ(hostconfig_new(&hc, 5121), 0);
     std::vector<int> twenty_then_full(21, 1);
     twenty_then_full[20] = -1;
-    struct Row { uint32_t capacity; std::vector<uint32_t> lengths; std::vector<int> results; uint32_t used; } rows[] = {
+    struct Row {
+        uint32_t capacity;
+        std::vector<uint32_t> lengths;
+        std::vector<int> results;
+        uint32_t used;
+    } rows[] = {
         {5120, {5}, {1}, 64},     {5120, {1, 8, 3240}, {1, 1, 1}, 24 + 36 + 40 + 3272},
         {64, {8}, {1}, 64},       {63, {8}, {-1}, 24},  // one byte over
         {5120, {0}, {-1}, 24},    {5120, std::vector<uint32_t>(21, 4), twenty_then_full, 24 + 20 * 36},
@@ -119,17 +124,20 @@ TEST(HostconfigFiles, SavedImageIsTheVelkFileLoadedBackOrRefused)
     KOR_SANDBOX_OR_SKIP();
     sandbox::Device dev;
     const std::string p = dev.workdir() + "/p", b = dev.workdir() + "/b";
-    const parts_t parts = {{"A", {1, 2, 3, 4, 5}}, {"KOR data", bytes(3240, 0x5C)}, {"SIXTEEN-CHARS-NM", bytes(7, 9)}};
+    const parts_t parts = {
+        {"A", {1, 2, 3, 4, 5}}, {"KOR data", bytes(3240, 0x5C)}, {"SIXTEEN-CHARS-NM", bytes(7, 9)}};
     hostconfig hc;
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX), 1);
-    for (const auto& [n, v] : parts) ASSERT_EQ(hostconfig_add_body(&hc, v.data(), uint32_t(v.size()), n.c_str()), 1);
+    for (const auto& [n, v] : parts)
+        ASSERT_EQ(hostconfig_add_body(&hc, v.data(), uint32_t(v.size()), n.c_str()), 1);
     ASSERT_EQ(hostconfig_save(&hc, p.c_str(), nullptr), 1);
     const bytes good = dev.read(p, 0, 8192);
     EXPECT_EQ(good, image_of(parts));  // used bytes, byte for byte
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX), 1);
     ASSERT_EQ(hostconfig_load(&hc, p.c_str(), nullptr), 1);
     struct Lookup { const char* name; int part_at; } lookups[] = {  // first part whose name begins so
-        {"A", 24}, {"", 24}, {"KOR data", 64}, {"KOR", 64}, {"SIXTEEN-CHARS-NM", 3336}, {"SIXTEEN-CHARS-NMX", 0}, {"B", 0}};
+        {"A", 24}, {"", 24}, {"KOR data", 64}, {"KOR", 64}, {"SIXTEEN-CHARS-NM", 3336},
+        {"SIXTEEN-CHARS-NMX", 0}, {"B", 0}};
     for (const Lookup& l : lookups)
         EXPECT_EQ(hostconfig_get_body(&hc, l.name), l.part_at ? hc.image + l.part_at + 32 : nullptr) << l.name;
     parts_t many;
@@ -163,7 +171,9 @@ TEST(HostconfigFiles, SaveWritesTheGoodCopyLast)
     const std::string p = dev.workdir() + "/primary", b = dev.workdir() + "/backup";
     const std::string good = str(image_of({{"KOR data", bytes(3240, 0)}}));
     struct Row { bool primary_good, backup_good; int loaded_from; std::string order; } rows[] = {
-        {true, true, 1, "backup primary "}, {false, true, 2, "primary backup "}, {false, false, 0, "backup primary "}};
+        {true, true, 1, "backup primary "},
+        {false, true, 2, "primary backup "},  // the backup is the only good copy
+        {false, false, 0, "backup primary "}};
     for (const Row& r : rows) {
         dev.write_file(p, r.primary_good ? good : "x");
         dev.write_file(b, r.backup_good ? good : "x");
@@ -295,7 +305,8 @@ TEST(HostconfigFlags, StatesReadAndWrittenAsTheByteSays)
     }
     struct Write { uint8_t before; int set, state, result; uint8_t after; const char* printed; } writes[] = {
         {0x03, 1, 1, 0, 0x01, ""}, {0x01, 1, 1, 0, 0x01, ""}, {0xFD, 1, 0, 0, 0x00, ""},
-        {0x02, 2, 1, 0, 0x01, ""}, {0x03, 1, 2, 0, 0x03, ""}, {0x01, 1, 2, -1, 0x01, "cannot set state to 2, invalid"},
+        {0x02, 2, 1, 0, 0x01, ""}, {0x03, 1, 2, 0, 0x03, ""},
+        {0x01, 1, 2, -1, 0x01, "cannot set state to 2, invalid"},
         {0x00, 0, 1, -1, 0x00, ""}, {0x00, 0, 0, 0, 0x00, ""},
     };
     for (const Write& w : writes) {

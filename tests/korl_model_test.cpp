@@ -37,8 +37,13 @@ TEST(KorlPools, Generate)
 {
     std::vector<std::string> many, full(KORL_PARTINFOS, "ALL16CHARSPOOLNM");
     for (int i = 0; i < 21; i++) many.push_back("P" + std::to_string(i));
-    struct Row { std::vector<std::string> pools; int count; std::vector<std::pair<const char*, std::string>> queries; } rows[] = {
-        {{"", "", "", "A", "", "B", "", "A", "", "A"}, 2, {{"A", "3: 3 7 9"}, {"B", "1: 5"}, {"C", "-1:"}, {"", "0:"}}},
+    struct Row {
+        std::vector<std::string> pools;
+        int count;
+        std::vector<std::pair<const char*, std::string>> queries;
+    } rows[] = {
+        {{"", "", "", "A", "", "B", "", "A", "", "A"}, 2,
+         {{"A", "3: 3 7 9"}, {"B", "1: 5"}, {"C", "-1:"}, {"", "0:"}}},
         {many, 20, {{"P19", "1: 19"}, {"P20", "-1:"}, {"", "-1:"}}},  // 21st name: no slot
         {full, 1, {{"ALL16CHARSPOOLNM", "21: 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20"},
                    {"ALL16CHARSPOOLNMX", "-1:"}}},  // 22nd member left out; longer name no match
@@ -68,7 +73,9 @@ TEST(KorlSets, ParseSetidxArgAndGetsetidx)
     };
     for (const Row& r : rows) EXPECT_EQ(parse_setidx_arg(&d, r.arg), r.want) << (r.arg ? r.arg : "null");
     partset_init(&d, 2, "ABCDEFGHIJKLMNOPQ");  // kept: 15 characters, no NUL
-    Row names[] = {{"SET1", 1}, {"", -2}, {"NOPE", -1}, {"ABCDEFGHIJKLMNO", 2}, {"ABCDEFGHIJKLMNOZZ", 2}, {"ABCDEFGHIJKLMN", -1}};
+    Row names[] = {{"SET1", 1},           {"", -2},
+                   {"NOPE", -1},          {"ABCDEFGHIJKLMNO", 2},
+                   {"ABCDEFGHIJKLMNOZZ", 2}, {"ABCDEFGHIJKLMN", -1}};
     for (const Row& r : names) EXPECT_EQ(korl_getsetidx(&d, r.arg), r.want) << r.arg;
 }
 
@@ -78,8 +85,10 @@ TEST(KorlSets, OwnedBySetComparesAllRefs)
     const int8_t set1[] = {13, 14, -1, 15};
     std::memcpy(d.partset[1].refs, set1, sizeof set1);
     d.partset[2].refs[0] = 15;
-    struct Row { int idx, exclude, want; } rows[] = {{13, 1, 0}, {13, 0, 1}, {15, 1, 1}, {15, 2, 1}, {16, 0, 0}, {-1, 0, 0}, {22, 0, 0}};
-    for (const Row& r : rows) EXPECT_EQ(korl_partinfo_owned_by_set(&d, r.idx, r.exclude), r.want) << r.idx << "/" << r.exclude;
+    struct Row { int idx, exclude, want; } rows[] = {
+        {13, 1, 0}, {13, 0, 1}, {15, 1, 1}, {15, 2, 1}, {16, 0, 0}, {-1, 0, 0}, {22, 0, 0}};
+    for (const Row& r : rows)
+        EXPECT_EQ(korl_partinfo_owned_by_set(&d, r.idx, r.exclude), r.want) << r.idx << "/" << r.exclude;
 }
 
 TEST(KorlPartinfo, MarkMetaInvalidKeepsPlacement)

@@ -82,7 +82,8 @@ int hostconfig_default(hostconfig* hc)
         stderr_text("initialize: korl_init failed.\n");
         return -1;
     }
-    for (const default_partinfo& p : kDefaultPartinfo) partinfo_init(&d, p.idx, p.pool, p.size, p.offset);
+    for (const default_partinfo& p : kDefaultPartinfo)
+        partinfo_init(&d, p.idx, p.pool, p.size, p.offset);
     for (int s = 0; s < KORL_SETS; s++) partset_init(&d, s, kDefaultSets[s]);
     if (korl_hostconfig_export(&d, hc) != 1) {
         stderr_text("initialize: korl_hostconfig_export failed.\n");
