@@ -2,6 +2,7 @@
 // installed copy is reused, and the recording of the result in the set.
 #include <fcntl.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -11,7 +12,7 @@
 
 namespace {
 
-constexpr uint32_t CRC_PIECE = 4096;
+constexpr uint32_t CRC_PIECE = 256 * 1024;
 constexpr int KORM_CONTENT_PARTS = 20;  // content part table of one image
 
 struct version {
@@ -168,40 +169,91 @@ int check_recording(const korm_element* elements, velk_content_header* const* ta
     return KORL_META_INSTALL_OK;
 }
 
-// Reads up to `length` bytes, retrying short reads; the count read, or -1.
-ssize_t read_full(int fd, uint8_t* buf, size_t length)
-{
-    size_t got = 0;
-    while (got < length) {
-        ssize_t r = ::read(fd, buf + got, length - got);
-        if (r < 0) return -1;
-        if (r == 0) break;
-        got += static_cast<size_t>(r);
+// Sequential reader of a partition. Reads go to the device itself
+// (O_DIRECT, aligned pieces), so a check sees what the device holds and not
+// what a writer left in the page cache; it also spares the cache pages that
+// reading a whole partition through it would take. Where direct I/O is not
+// available the cache is dropped first and plain reads are used.
+// Direct reads want an aligned buffer, and pieces large enough that each
+// request to the device is worth its cost: one static buffer, no allocation.
+alignas(4096) uint8_t g_piece[CRC_PIECE];
+
+struct device_reader {
+    uint8_t* piece = g_piece;
+    uint32_t have = 0;  // bytes in piece
+    uint32_t used = 0;  // bytes of piece already handed out
+    bool end = false;
+    int fd = -1;
+
+    // A device that refuses direct reads of this size is read through the
+    // cache after all, with the cache dropped first.
+    bool drop_direct()
+    {
+        int flags = fcntl(fd, F_GETFL);
+        if (flags < 0 || !(flags & O_DIRECT)) return false;
+        if (fcntl(fd, F_SETFL, flags & ~O_DIRECT) != 0) return false;
+        (void)posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+        return true;
     }
-    return static_cast<ssize_t>(got);
+
+    // Up to `want` further bytes at *out; 0 at the end, -1 on a read error.
+    int64_t take(const uint8_t** out, uint32_t want)
+    {
+        if (used == have) {
+            if (end) return 0;
+            ssize_t r;
+            do r = ::read(fd, piece, CRC_PIECE);
+            while (r < 0 && errno == EINTR);
+            if (r < 0 && errno == EINVAL && drop_direct()) return take(out, want);
+            if (r < 0) return -1;
+            have = static_cast<uint32_t>(r);
+            used = 0;
+            end = have < CRC_PIECE;
+            if (have == 0) return 0;
+        }
+        uint32_t n = have - used < want ? have - used : want;
+        *out = piece + used;
+        used += n;
+        return n;
+    }
+};
+
+int open_direct(const char* device)
+{
+    int fd = ::open(device, O_RDONLY | O_CLOEXEC | O_DIRECT);
+    if (fd >= 0) return fd;
+    fd = ::open(device, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) (void)posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    return fd;
 }
 
-bool header_matches(int fd, const korl_pinfometa& m)
+bool header_matches(device_reader& in, const korl_pinfometa& m)
 {
     if (m.hdr_length > sizeof m) return false;
     uint8_t hdr[sizeof m];
-    ssize_t got = read_full(fd, hdr, m.hdr_length);
-    return got == m.hdr_length && std::memcmp(hdr, &m, m.hdr_length) == 0;
+    uint32_t got = 0;
+    while (got < m.hdr_length) {
+        const uint8_t* p;
+        int64_t n = in.take(&p, m.hdr_length - got);
+        if (n <= 0) return false;
+        std::memcpy(hdr + got, p, static_cast<size_t>(n));
+        got += static_cast<uint32_t>(n);
+    }
+    return std::memcmp(hdr, &m, m.hdr_length) == 0;
 }
 
 // CRC32 of the next `length` bytes; a short device ends it early. -1 on a
 // read error.
-int64_t body_crc(int fd, uint32_t length)
+int64_t body_crc(device_reader& in, uint32_t length)
 {
-    uint8_t piece[CRC_PIECE];
     uint32_t crc = 0;
     while (length > 0) {
-        uint32_t want = length < CRC_PIECE ? length : CRC_PIECE;
-        ssize_t got = read_full(fd, piece, want);
-        if (got < 0) return -1;
-        crc = crc32_calc(crc, piece, static_cast<uint32_t>(got));
-        if (static_cast<uint32_t>(got) < want) break;
-        length -= want;
+        const uint8_t* p;
+        int64_t n = in.take(&p, length);
+        if (n < 0) return -1;
+        if (n == 0) break;
+        crc = crc32_calc(crc, p, static_cast<uint32_t>(n));
+        length -= static_cast<uint32_t>(n);
     }
     return crc;
 }
@@ -232,13 +284,13 @@ int crc32_check(const korl_data* d, int partinfo_idx, int wts)
 
     char device[32];
     std::snprintf(device, sizeof device, "/dev/mmcblk0p%i", d->partinfo[partinfo_idx].pn);
-    unique_fd fd(::open(device, O_RDONLY | O_CLOEXEC));
+    unique_fd fd(open_direct(device));
     if (!fd.valid()) return KORL_CRC_UNREADABLE;
-    // Read what the device holds, not what a writer left in the page cache.
-    (void)posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+    device_reader in;
+    in.fd = fd.get();
 
-    if (wts == 2 && !header_matches(fd.get(), m)) return KORL_CRC_UNREADABLE;
-    int64_t crc = body_crc(fd.get(), m.body_length);
+    if (wts == 2 && !header_matches(in, m)) return KORL_CRC_UNREADABLE;
+    int64_t crc = body_crc(in, m.body_length);
     if (crc < 0) return KORL_CRC_UNREADABLE;
     return static_cast<uint32_t>(crc) == m.body_crc ? KORL_CRC_OK : KORL_CRC_MISMATCH;
 }
