@@ -52,6 +52,9 @@ constexpr int KOR_EXIT_FATAL_ERR_SINGLETON_WRITE = 11;
 // buffer, else the install's exit status (messages logged).
 [[nodiscard]] int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source);
 void transfer_release(install_ctx* ctx);  // frees buffer and parser, cleans libcurl up
+// The one image buffer (zero-filled, `size` bytes) and its parser; 0, or 1
+// with a message when either cannot be allocated.
+[[nodiscard]] int image_buffer_setup(install_ctx* ctx, uint32_t size);
 // The URL side of transfer_image: buffer, parser, libcurl handle, the restart
 // loop behind skipped bodies and the download hook. Same results.
 [[nodiscard]] int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source,

@@ -33,36 +33,13 @@ int check_file_size(const char* path, uint32_t velksize, int32_t* size)
     return 0;
 }
 
-// Filling a fresh buffer costs one page fault per 4 KiB, which dominates
-// reading a large image; huge pages cut that to one per 2 MiB. Only the
-// 2 MiB-aligned inside of the block can take them. A kernel without them
-// refuses the advice, and nothing changes.
-void advise_huge_pages(uint8_t* buffer, size_t size)
-{
-    constexpr uintptr_t huge = uintptr_t{2} << 20;
-    uintptr_t start = (reinterpret_cast<uintptr_t>(buffer) + huge - 1) & ~(huge - 1);
-    uintptr_t end = (reinterpret_cast<uintptr_t>(buffer) + size) & ~(huge - 1);
-    if (end > start) (void)::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
-}
-
 int transfer_file(install_ctx* ctx, const char* path)
 {
     int32_t size = 0;
     int r = check_file_size(path, ctx->options->velksize, &size);
     if (r != 0) return r;
-    ctx->buffer = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(size), 1));
-    if (!ctx->buffer) {
-        log_console(LOG_ERR, "install: could not allocate %i bytes for the VELK\n", size);
-        return 1;
-    }
-    advise_huge_pages(ctx->buffer, static_cast<size_t>(size));
-    ctx->buffer_size = static_cast<uint32_t>(size);
-    ctx->buffer_fill = 0;
-    ctx->parser = velk_stream_parser_init(nullptr, ctx->buffer);
-    if (!ctx->parser) {
-        log_console(LOG_ERR, "install: could not allocate the VELK parser\n");
-        return 1;
-    }
+    r = image_buffer_setup(ctx, static_cast<uint32_t>(size));
+    if (r != 0) return r;
     if (load_file(path, ctx->buffer, ctx->buffer_size, install_receive, ctx) == 0) {
         log_console(LOG_ERR, "install: failed to load VELK\n");
         return 9;
@@ -71,6 +48,32 @@ int transfer_file(install_ctx* ctx, const char* path)
 }
 
 }  // namespace
+
+// Filling a fresh buffer costs one page fault per 4 KiB, which dominates
+// taking in a large image; 2 MiB pages cut that by 512. Only the 2 MiB-aligned
+// inside of the block can take them, and a kernel without them ignores the
+// advice: it changes no byte.
+int image_buffer_setup(install_ctx* ctx, uint32_t size)
+{
+    size_t bytes = size ? size : 1;
+    ctx->buffer = static_cast<uint8_t*>(std::calloc(bytes, 1));
+    if (!ctx->buffer) {
+        log_console(LOG_ERR, "install: could not allocate %u bytes for the VELK\n", size);
+        return 1;
+    }
+    constexpr uintptr_t huge = uintptr_t{2} << 20;
+    uintptr_t start = (reinterpret_cast<uintptr_t>(ctx->buffer) + huge - 1) & ~(huge - 1);
+    uintptr_t end = (reinterpret_cast<uintptr_t>(ctx->buffer) + bytes) & ~(huge - 1);
+    if (end > start) (void)::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
+    ctx->buffer_size = size;
+    ctx->buffer_fill = 0;
+    ctx->parser = velk_stream_parser_init(nullptr, ctx->buffer);
+    if (!ctx->parser) {
+        log_console(LOG_ERR, "install: could not allocate the VELK parser\n");
+        return 1;
+    }
+    return 0;
+}
 
 int source_is_url(const char* source, char scheme[10])
 {

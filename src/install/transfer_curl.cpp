@@ -8,7 +8,6 @@
 #include <curl/curl.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -88,35 +87,11 @@ void check_content_range(install_ctx* ctx)
     }
 }
 
-// Asks for 2 MiB pages in the buffer's aligned interior. Filling tens of
-// MiB in 4 KiB pages takes a page fault per page, which costs more than the
-// copy itself; the advice changes no byte, so it may fail unnoticed.
-void advise_huge_pages(void* buffer, size_t size)
-{
-    constexpr uintptr_t huge = uintptr_t{2} << 20;
-    uintptr_t start = (reinterpret_cast<uintptr_t>(buffer) + huge - 1) & ~(huge - 1);
-    uintptr_t end = (reinterpret_cast<uintptr_t>(buffer) + size) & ~(huge - 1);
-    if (end > start) (void)madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
-}
-
 // Buffer and parser for a URL image of at most -velksize bytes.
 [[nodiscard]] int url_buffer_setup(install_ctx* ctx)
 {
-    ctx->buffer_size = ctx->options->velksize;
-    size_t size = ctx->buffer_size ? ctx->buffer_size : 1;
-    ctx->buffer = static_cast<uint8_t*>(calloc(size, 1));
-    if (ctx->buffer == nullptr) {
-        log_console(LOG_ERR, "install: cannot allocate %u bytes for the image\n",
-                    ctx->buffer_size);
-        return 1;
-    }
-    advise_huge_pages(ctx->buffer, size);
-    ctx->buffer_fill = 0;
-    ctx->parser = velk_stream_parser_init(nullptr, ctx->buffer);
-    if (ctx->parser == nullptr) {
-        log_console(LOG_ERR, "install: cannot allocate the stream parser\n");
-        return 1;
-    }
+    int r = image_buffer_setup(ctx, ctx->options->velksize);
+    if (r != 0) return r;
     ctx->range_mode = 0;
     clear_header_text(ctx);
     return 0;
