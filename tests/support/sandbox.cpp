@@ -137,6 +137,64 @@ int64_t now_ms()
         .count();
 }
 
+// Binds `file` to the loop device, detached automatically on last close.
+// qemu-user does not know LOOP_CONFIGURE: fall back to the two older calls.
+bool attach_loop(int loop, int file)
+{
+    loop_config cfg{};
+    cfg.fd = static_cast<uint32_t>(file);
+    cfg.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+    if (ioctl(loop, LOOP_CONFIGURE, &cfg) == 0) return true;
+    if (errno != ENOTTY && errno != EINVAL && errno != ENOSYS) return false;
+    if (ioctl(loop, LOOP_SET_FD, file) != 0) return false;
+    loop_info64 info{};
+    info.lo_flags = LO_FLAGS_AUTOCLEAR;
+    if (ioctl(loop, LOOP_SET_STATUS64, &info) == 0) return true;
+    ioctl(loop, LOOP_CLR_FD, 0);
+    return false;
+}
+
+// The words of KOR_TEST_EMULATOR ("qemu-arm -L /sysroot"): the command that
+// runs the built binaries of a cross build. Empty for a native build.
+std::vector<std::string> emulator()
+{
+    std::vector<std::string> words;
+    const char* e = std::getenv("KOR_TEST_EMULATOR");
+    std::stringstream ss(e ? e : "");
+    for (std::string w; ss >> w;) words.push_back(w);
+    return words;
+}
+
+// True for an ELF program built for the machine this test was built for,
+// i.e. one of ours in a cross build (host tools such as mke2fs are not).
+bool built_binary(const std::string& path)
+{
+    unsigned char h[20] = {}, self[20] = {};
+    std::ifstream in(path, std::ios::binary);
+    std::ifstream me("/proc/self/exe", std::ios::binary);
+    if (!in.read(reinterpret_cast<char*>(h), sizeof h)) return false;
+    if (!me.read(reinterpret_cast<char*>(self), sizeof self)) return false;
+    return std::memcmp(h, "\177ELF", 4) == 0 && h[18] == self[18] && h[19] == self[19];
+}
+
+// argv with the emulator in front when `argv[0]` needs it. LD_PRELOAD of
+// `env` is meant for the emulated program, not for the emulator: handed over
+// with -E (the caller still sets it for a native run, where it is harmless).
+std::vector<std::string> with_emulator(std::vector<std::string> argv,
+                                       const std::map<std::string, std::string>& env = {})
+{
+    std::vector<std::string> e = emulator();
+    if (e.empty() || !built_binary(argv[0])) return argv;
+    auto preload = env.find("LD_PRELOAD");
+    if (preload != env.end()) {
+        unsetenv("LD_PRELOAD");
+        e.push_back("-E");
+        e.push_back("LD_PRELOAD=" + preload->second);
+    }
+    e.insert(e.end(), argv.begin(), argv.end());
+    return e;
+}
+
 }  // namespace
 
 bool available(std::string* why)
@@ -241,10 +299,7 @@ void Device::add_block_device(const std::string& path, const bytes& content, uin
         int loop = open(node.c_str(), O_RDWR | O_CLOEXEC);
         unlink(node.c_str());
         if (loop < 0) continue;
-        loop_config cfg{};
-        cfg.fd = static_cast<uint32_t>(file);
-        cfg.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-        if (ioctl(loop, LOOP_CONFIGURE, &cfg) != 0) {
+        if (!attach_loop(loop, file)) {
             close(loop);  // taken by another test process meanwhile
             continue;
         }
@@ -357,6 +412,7 @@ int Device::spawn_kor(const std::vector<std::string>& args, const RunOptions& o)
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
+        argv = with_emulator(argv, o.env);
         std::vector<char*> cargv;
         for (auto& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
         cargv.push_back(nullptr);
@@ -457,10 +513,11 @@ RunResult Device::run(const std::vector<std::string>& argv, const RunOptions& o)
         dup2(out[1], 1);
         dup2(err[1], 2);
         for (const auto& kv : o.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        std::vector<std::string> full{map_host_path(argv[0])};
+        full.insert(full.end(), args.begin(), args.end());
+        full = with_emulator(full, o.env);
         std::vector<char*> cargv;
-        std::string prog = map_host_path(argv[0]);
-        cargv.push_back(const_cast<char*>(prog.c_str()));
-        for (auto& a : args) cargv.push_back(const_cast<char*>(a.c_str()));
+        for (auto& a : full) cargv.push_back(const_cast<char*>(a.c_str()));
         cargv.push_back(nullptr);
         execvp(cargv[0], cargv.data());
         _exit(127);
