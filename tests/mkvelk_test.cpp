@@ -6,9 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -188,10 +190,17 @@ protected:
             if (chdir(dir_.c_str()) != 0) _exit(127);
             dup2(open("stdout", O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
             dup2(open("stderr", O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-            std::vector<char*> argv{const_cast<char*>(MKVELK_BINARY)};
-            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            // A cross build runs mkvelk through KOR_TEST_EMULATOR ("qemu-arm -L ...").
+            std::vector<std::string> words;
+            const char* emu = std::getenv("KOR_TEST_EMULATOR");
+            std::istringstream ws(emu ? emu : "");
+            for (std::string w; ws >> w;) words.push_back(w);
+            words.push_back(MKVELK_BINARY);
+            words.insert(words.end(), args.begin(), args.end());
+            std::vector<char*> argv;
+            for (auto& w : words) argv.push_back(const_cast<char*>(w.c_str()));
             argv.push_back(nullptr);
-            execv(MKVELK_BINARY, argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         int ws = 0;
