@@ -27,8 +27,9 @@ set(_kor_flags "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard -isystem ${_kor_
 set(CMAKE_C_FLAGS_INIT "${_kor_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_kor_flags}")
 # Small release binaries: the device's image has little room to spare.
-set(CMAKE_CXX_FLAGS_RELEASE_INIT "-Os -DNDEBUG")
-set(CMAKE_CXX_FLAGS_MINSIZEREL_INIT "-Os -DNDEBUG")
+# (The _INIT variables would get CMake's -O3 appended.)
+set(CMAKE_C_FLAGS_RELEASE "-Os -DNDEBUG" CACHE STRING "C flags of release builds")
+set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG" CACHE STRING "C++ flags of release builds")
 
 set(_kor_ld "")
 foreach(d ${_kor_libs})
