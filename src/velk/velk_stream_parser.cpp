@@ -52,6 +52,10 @@ int step_fixed_header(velk_stream_parser* p)
 {
     // The tables hold 20 parts; a further part refuses the image at once.
     if (p->index >= VELK_MAX_PARTS) return fail(p, VELK_SP_ERR_TOO_MANY);
+    // Header lengths are multiples of 4 and bodies are padded, so a part
+    // starts at a multiple of 4. Any other start comes from a header length
+    // no writer makes, and the part's fields could not be read in place.
+    if (p->position % 4 != 0) return fail(p, VELK_SP_ERR_SHORT_HEADER);
     if (remaining(p) < VELK_CONTENT_HEADER_SIZE) return VELK_SP_MORE;
     p->current = reinterpret_cast<velk_content_header*>(p->buffer + p->position);
     p->position += VELK_CONTENT_HEADER_SIZE;
