@@ -46,6 +46,9 @@ int walk_parts(hostconfig* hc)
         if (remaining < static_cast<int64_t>(VELK_CONTENT_HEADER_SIZE)) return -1;
         if (at + VELK_CONTENT_HEADER_SIZE > HOSTCONFIG_MAX) return -1;
         auto* part = reinterpret_cast<velk_content_header*>(hc->image + at);
+        // Header lengths are multiples of 4, so every part starts at one and
+        // its fields read in place; a saved copy places the part the same way.
+        if (part->hdr_length % 4 != 0) return -1;
         if (remaining < part->hdr_length) return -1;
         remaining -= part->hdr_length;
         if (remaining < part->body_length) return -1;
