@@ -1,45 +1,33 @@
 // Install planning and recording on in-memory records; the CRC32 check and
 // set verification against real partitions in the sandbox.
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "frontend/fileutil.h"
 #include "install/install.h"
 #include "support/sandbox.h"
 
-namespace {
-
 struct ver { uint8_t major, minor; uint16_t build; };
-struct planned { uint32_t action; int idx; };
 using refs = std::vector<int>;
+constexpr uint64_t kPartSize = 64 << 10;
 
-korl_data default_layout(refs set1 = {}, refs set2 = {})
+static korl_data default_layout(refs set1 = {}, refs set2 = {})
 {
     static const std::pair<int, const char*> layout[] = {
         {5, "SAFEKNLS"}, {6, "SAFEDTS"}, {7, "SAFEROOTS"}, {8, "SAFEAPPLS"}, {11, "KNLS"}, {12, "DTS"},
         {13, "ROOTS"},   {14, "APPLS"},  {15, "KNLS"},     {16, "DTS"},      {17, "ROOTS"}, {18, "APPLS"}};
     korl_data d{};
     for (const auto& [pn, pool] : layout) partinfo_init(&d, pn, pool, 64 << 10, 0);
-    const char* names[] = {"SAFESET", "SET1", "SET2"};
-    for (int s = 0; s < KORL_SETS; ++s) partset_init(&d, s, names[s]);
-    for (size_t k = 0; k < set1.size(); ++k) d.partset[1].refs[k] = static_cast<int8_t>(set1[k]);
-    for (size_t k = 0; k < set2.size(); ++k) d.partset[2].refs[k] = static_cast<int8_t>(set2[k]);
+    for (int s = 0; s < KORL_SETS; ++s) partset_init(&d, s, s ? (s == 1 ? "SET1" : "SET2") : "SAFESET");
+    std::copy(set1.begin(), set1.end(), d.partset[1].refs), std::copy(set2.begin(), set2.end(), d.partset[2].refs);
     korl_partpool_generate(&d);
     return d;
 }
 
-void set_version(korl_data& d, int idx, ver v)
-{
-    korl_pinfometa& m = d.pinfometa[idx];
-    m.sw_version_major = v.major, m.sw_version_minor = v.minor, m.sw_build_number = v.build;
-}
+static_assert(offsetof(korl_pinfometa, sw_build_number) - offsetof(korl_pinfometa, sw_version_major) == offsetof(ver, build));
+static void set_version(korl_data& d, int idx, ver v) { std::memcpy(&d.pinfometa[idx].sw_version_major, &v, sizeof v); }
 
-korm_element elem(int cidx, const char* pool, uint32_t meta_valid, ver v = {1, 0, 0},
-                  const char* platform = "-", uint8_t wts = 1)
+static korm_element elem(int cidx, const char* pool, uint32_t meta_valid, ver v = {1, 0, 0}, const char* platform = "-", uint8_t wts = 1)
 {
     korm_element e{1, static_cast<int8_t>(cidx), {}, 0, "/", "", {}, meta_valid, wts, 0, 0, 0, 0, -1};
     std::strncpy(e.poolname, pool, sizeof e.poolname - 1);
@@ -48,93 +36,71 @@ korm_element elem(int cidx, const char* pool, uint32_t meta_valid, ver v = {1, 0
     return e;
 }
 
-const std::vector<korm_element> kRelease = {elem(0, "KNLS", 1), elem(1, "DTS", 1), elem(2, "ROOTS", 1),
-                                            elem(3, "APPLS", 1)};
+// "action:partinfo_idx" of the first n elements.
+static std::string plan_of(const korm_element* e, size_t n)
+{
+    std::string s;
+    for (size_t i = 0; i < n; ++i) s += (i ? " " : "") + std::to_string(e[i].action) + ":" + std::to_string(e[i].partinfo_idx);
+    return s;
+}
 
-struct plan_row {
-    const char* name;
-    refs set1, set2;
-    std::vector<std::pair<int, ver>> recorded;  // versions only, nothing on a device
-    std::vector<korm_element> in;
-    int setidx, force;
-    const char* platform;
-    int result;
-    std::vector<planned> out;
-};
-
-const plan_row kPlanRows[] = {
-    {"into SET1", {}, {}, {}, kRelease, 1, 0, "", 1, {{1, 11}, {1, 12}, {1, 13}, {1, 14}}},
-    {"SET2 holds 11 to 14", {}, {11, 12, 13, 14}, {}, kRelease, 1, 0, "", 1, {{1, 15}, {1, 16}, {1, 17}, {1, 18}}},
-    {"own partitions are free", {11, 12, 13, 14}, {15, 16, 17, 18}, {}, kRelease, 1, 0, "", 1, {{1, 11}, {1, 12}}},
-    {"SAFESET finds none free", {11, 12, 13, 14}, {15, 16, 17, 18}, {}, kRelease, 0, 0, "", -5, {{0, -1}}},
-    {"singleton without force", {}, {}, {}, {elem(0, "SAFEKNLS", 1)}, 0, 0, "", -3, {{0, -1}}},
-    {"singleton with force", {}, {}, {}, {elem(0, "SAFEKNLS", 1)}, 0, 1, "", 1, {{1, 5}}},
-    {"dependency not fulfilled", {}, {}, {}, {elem(-1, "APPLS", 1)}, 1, 0, "", -2, {{0, -1}}},
-    {"failure stops the plan", {}, {}, {}, {elem(0, "KNLS", 1), elem(1, "SAFEDTS", 1), elem(2, "DTS", 1)}, 1,
-     0, "", -3, {{1, 11}, {0, -1}, {0, -1}}},
-    {"no version takes the newest", {}, {}, {{13, {1, 2, 5}}, {17, {1, 10, 0}}}, {elem(-1, "ROOTS", 0)}, 1,
-     0, "", 1, {{2, 17}}},
-    {"no version, tie takes the lowest", {}, {}, {{13, {2, 0, 1}}, {17, {2, 0, 1}}}, {elem(-1, "ROOTS", 0)},
-     1, 0, "", 1, {{2, 13}}},
-    {"no version, unknown pool", {}, {}, {}, {elem(-1, "NOPE", 0)}, 1, 0, "", -4, {{0, -1}}},
-    {"no version, empty pool name", {}, {}, {}, {elem(-1, "", 0)}, 1, 0, "", -99, {{0, -1}}},
-    {"write into a too long pool", {}, {}, {}, {elem(0, "KNLSKNLSKNLSKNLS", 1)}, 1, 0, "", -4, {{0, -1}}},
-    {"two lines for one pool take two partitions", {}, {}, {},
-     {elem(0, "KNLS", 1, {1, 0, 0}), elem(1, "KNLS", 1, {2, 0, 0})}, 1, 0, "", 1, {{1, 11}, {1, 15}}},
-    {"a third line for a two-partition pool finds none", {}, {}, {},
-     {elem(0, "KNLS", 1, {1, 0, 0}), elem(1, "KNLS", 1, {2, 0, 0}), elem(2, "KNLS", 1, {3, 0, 0})}, 1, 0,
-     "", -5, {{1, 11}, {1, 15}, {0, -1}}},
-    {"version on arrival reserves", {}, {}, {}, {elem(0, "KNLS", 2)}, 1, 0, "", 1, {{3, 11}}},
-    {"platform filter", {}, {}, {},
-     {elem(0, "KNLS", 1, {}, "arm"), elem(1, "DTS", 1, {}, "-"), elem(2, "ROOTS", 1, {}, "pc"),
-      elem(3, "APPLS", 1, {}, "pcx")},
-     1, 0, "pc", 1, {{0, -1}, {1, 12}, {1, 13}, {0, -1}}},
-};
+static const std::vector<korm_element> kRelease = {elem(0, "KNLS", 1), elem(1, "DTS", 1), elem(2, "ROOTS", 1), elem(3, "APPLS", 1)};
 
 TEST(Plan, ChoosesPartitions)
 {
-    for (const plan_row& row : kPlanRows) {
-        SCOPED_TRACE(row.name);
+    const std::vector<korm_element> knls = {elem(0, "KNLS", 1, {1, 0, 0}), elem(1, "KNLS", 1, {2, 0, 0}), elem(2, "KNLS", 1, {3, 0, 0})};
+    // recorded: versions only, nothing on a device; plan: "action:partinfo_idx" per element
+    const struct { const char* name; refs set1, set2; std::vector<std::pair<int, ver>> recorded; std::vector<korm_element> in;
+                   int setidx, force; const char* platform; int result; const char* plan; } rows[] = {
+        {"into SET1", {}, {}, {}, kRelease, 1, 0, "", 1, "1:11 1:12 1:13 1:14"},
+        {"SET2 holds 11 to 14", {}, {11, 12, 13, 14}, {}, kRelease, 1, 0, "", 1, "1:15 1:16 1:17 1:18"},
+        {"own partitions are free", {11, 12, 13, 14}, {15, 16, 17, 18}, {}, kRelease, 1, 0, "", 1, "1:11 1:12"},
+        {"SAFESET finds none free", {11, 12, 13, 14}, {15, 16, 17, 18}, {}, kRelease, 0, 0, "", -5, "0:-1"},
+        {"singleton without force", {}, {}, {}, {elem(0, "SAFEKNLS", 1)}, 0, 0, "", -3, "0:-1"},
+        {"singleton with force", {}, {}, {}, {elem(0, "SAFEKNLS", 1)}, 0, 1, "", 1, "1:5"},
+        {"dependency not fulfilled", {}, {}, {}, {elem(-1, "APPLS", 1)}, 1, 0, "", -2, "0:-1"},
+        {"failure stops the plan", {}, {}, {}, {elem(0, "KNLS", 1), elem(1, "SAFEDTS", 1), elem(2, "DTS", 1)}, 1, 0, "", -3,
+         "1:11 0:-1 0:-1"},
+        {"no version takes the newest", {}, {}, {{13, {1, 2, 5}}, {17, {1, 10, 0}}}, {elem(-1, "ROOTS", 0)}, 1, 0, "", 1, "2:17"},
+        {"no version, tie takes the lowest", {}, {}, {{13, {2, 0, 1}}, {17, {2, 0, 1}}}, {elem(-1, "ROOTS", 0)}, 1, 0, "", 1,
+         "2:13"},
+        {"no version, unknown pool", {}, {}, {}, {elem(-1, "NOPE", 0)}, 1, 0, "", -4, "0:-1"},
+        {"no version, empty pool name", {}, {}, {}, {elem(-1, "", 0)}, 1, 0, "", -99, "0:-1"},
+        {"write into a too long pool", {}, {}, {}, {elem(0, "KNLSKNLSKNLSKNLS", 1)}, 1, 0, "", -4, "0:-1"},
+        {"two lines for one pool take two partitions", {}, {}, {}, {knls[0], knls[1]}, 1, 0, "", 1, "1:11 1:15"},
+        {"a third line for a two-partition pool finds none", {}, {}, {}, knls, 1, 0, "", -5, "1:11 1:15 0:-1"},
+        {"version on arrival reserves", {}, {}, {}, {elem(0, "KNLS", 2)}, 1, 0, "", 1, "3:11"},
+        {"platform filter", {}, {}, {},
+         {elem(0, "KNLS", 1, {}, "arm"), elem(1, "DTS", 1, {}, "-"), elem(2, "ROOTS", 1, {}, "pc"), elem(3, "APPLS", 1, {}, "pcx")},
+         1, 0, "pc", 1, "0:-1 1:12 1:13 0:-1"},
+    };
+    for (const auto& row : rows) {
         korl_data d = default_layout(row.set1, row.set2);
         for (const auto& [idx, v] : row.recorded) set_version(d, idx, v);
         korm_element e[KORL_KORM_ELEMENTS] = {};
         for (size_t i = 0; i < row.in.size(); ++i) e[i] = row.in[i], e[i].action = 7;  // reset first
         korl_rhdr rh{};
-        EXPECT_EQ(korl_meta_install_part1(&d, row.setidx, &rh, e, row.platform, row.force), row.result);
-        for (size_t i = 0; i < row.out.size(); ++i) {
-            EXPECT_EQ(e[i].action, row.out[i].action) << "element " << i;
-            EXPECT_EQ(e[i].partinfo_idx, row.out[i].idx) << "element " << i;
-        }
+        EXPECT_EQ(korl_meta_install_part1(&d, row.setidx, &rh, e, row.platform, row.force), row.result) << row.name;
+        EXPECT_EQ(plan_of(e, size_t(std::count(row.plan, row.plan + std::strlen(row.plan), ':'))), row.plan) << row.name;
     }
 }
 
-// --- recording ---
-
-struct record_row {
-    const char* name;
-    void (*tweak)(korm_element* e, velk_content_header** table);  // after planning
-    int result;
-    refs set1;  // afterwards; {9} is the set before the recording
-};
-
-void same_refs(korm_element* e, int n)
-{
-    for (int i = 0; i < n; ++i) e[i] = elem(-1, "KNLS", 1), e[i].action = 2, e[i].partinfo_idx = 15;
-}
-
-const record_row kRecordRows[] = {
-    {"planned release", [](korm_element*, velk_content_header**) {}, 1, {11, 12, 13, 14}},
-    {"skipped element", [](korm_element* e, velk_content_header**) { e[1].action = 0; }, 1, {11, 13, 14}},
-    {"element left at action 3", [](korm_element* e, velk_content_header**) { e[3].action = 3; }, -6, {9}},
-    {"content part missing", [](korm_element*, velk_content_header** t) { t[2] = nullptr; }, -6, {9}},
-    {"content index beyond the table", [](korm_element* e, velk_content_header**) { e[1].cidx = 20; }, -6, {9}},
-    {"22 references", [](korm_element* e, velk_content_header**) { same_refs(e, 22); }, 1, refs(22, 15)},
-    {"23 references", [](korm_element* e, velk_content_header**) { same_refs(e, 23); }, -6, {9}},
-};
-
 TEST(Record, WritesTheSetOrRefusesUntouched)
 {
-    for (const record_row& row : kRecordRows) {
+    using tweak_fn = void (*)(korm_element* e, velk_content_header** table);  // after planning
+    static const auto same_refs = [](korm_element* e, int n) {
+        for (int i = 0; i < n; ++i) e[i] = elem(-1, "KNLS", 1), e[i].action = 2, e[i].partinfo_idx = 15;
+    };
+    const struct { const char* name; tweak_fn tweak; int result; refs set1; } rows[] = {  // set1 afterwards; {9} before
+        {"planned release", [](korm_element*, velk_content_header**) {}, 1, {11, 12, 13, 14}},
+        {"skipped element", [](korm_element* e, velk_content_header**) { e[1].action = 0; }, 1, {11, 13, 14}},
+        {"element left at action 3", [](korm_element* e, velk_content_header**) { e[3].action = 3; }, -6, {9}},
+        {"content part missing", [](korm_element*, velk_content_header** t) { t[2] = nullptr; }, -6, {9}},
+        {"content index beyond the table", [](korm_element* e, velk_content_header**) { e[1].cidx = 20; }, -6, {9}},
+        {"22 references", [](korm_element* e, velk_content_header**) { same_refs(e, 22); }, 1, refs(22, 15)},
+        {"23 references", [](korm_element* e, velk_content_header**) { same_refs(e, 23); }, -6, {9}},
+    };
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         korl_data d = default_layout({9});
         korm_element e[KORL_KORM_ELEMENTS] = {};
@@ -145,145 +111,98 @@ TEST(Record, WritesTheSetOrRefusesUntouched)
         velk_content_header* table[VELK_MAX_PARTS] = {};
         for (int i = 0; i < 4; ++i) {
             parts[i].hdr = {0, VELK_TYPE_SOFTWARE, 64, 1000, "part", 0x12345678u + i};
-            parts[i].sw_build_number = static_cast<uint16_t>(i);
-            table[i] = &parts[i].hdr;
+            parts[i].sw_build_number = static_cast<uint16_t>(i), table[i] = &parts[i].hdr;
         }
         row.tweak(e, table);
         korl_data before = d;
-
         EXPECT_EQ(korl_meta_install(&d, 1, &rh, e, table, "", 0), row.result);
         std::vector<int8_t> want(KORL_REFS, -1);
         std::copy(row.set1.begin(), row.set1.end(), want.begin());
         EXPECT_EQ(std::vector<int8_t>(d.partset[1].refs, d.partset[1].refs + KORL_REFS), want);
-        if (row.result != 1) {
-            EXPECT_EQ(std::memcmp(&d, &before, KORL_STORED_SIZE), 0) << "a refusal changed the record";
-            continue;
-        }
-        EXPECT_EQ(std::memcmp(&d.rhdr[1], &rh, sizeof rh), 0);
-        if (row.set1[0] == 11) {
-            EXPECT_EQ(std::memcmp(&d.pinfometa[13], &parts[2], 64), 0);
-        }
+        EXPECT_EQ(std::memcmp(&d, &before, KORL_STORED_SIZE) == 0, row.result != 1) << "a refusal changes nothing";
+        EXPECT_EQ(std::memcmp(&d.rhdr[1], &rh, sizeof rh) == 0, row.result == 1);
+        EXPECT_EQ(std::memcmp(&d.pinfometa[13], &parts[2], 64) == 0, row.set1[0] == 11);
     }
 }
 
-// --- against partitions ---
-
-constexpr uint64_t kPartSize = 64 << 10;
-
 // Records content of `length` bytes in entry idx and writes it to the
 // partition, with its header first for write type 2.
-void put_content(const sandbox::Device& dev, korl_data& d, int idx, size_t length, int wts, ver v = {1, 0, 0})
+static void put_content(const sandbox::Device& dev, korl_data& d, int idx, size_t length, int wts, ver v = {1, 0, 0})
 {
     size_t header = wts == 2 ? sizeof(korl_pinfometa) : 0;
     sandbox::bytes out(header + length);
     for (size_t i = 0; i < length; ++i) out[header + i] = static_cast<uint8_t>(i * 31 + idx);
-    korl_pinfometa& m = d.pinfometa[idx];
-    m = korl_pinfometa{0, VELK_TYPE_SOFTWARE, 64, static_cast<uint32_t>(length), {}, 0, 0, 0, 0, {}};
-    m.body_crc = crc32_calc(0, out.data() + header, static_cast<uint32_t>(length));
-    std::snprintf(m.name, sizeof m.name, "c%d", idx);
+    korl_pinfometa& m = d.pinfometa[idx] = {0, VELK_TYPE_SOFTWARE, 64, uint32_t(length), {'c', char('0' + idx / 10), char('0' + idx % 10)},
+                                            crc32_calc(0, out.data() + header, uint32_t(length)), 0, 0, 0, {}};
     set_version(d, idx, v);
     std::memcpy(out.data(), &m, header);
     dev.write(sandbox::Device::part(d.partinfo[idx].pn), 0, out);
 }
 
-struct crc_row {
-    const char* name;
-    size_t length;
-    int write_wts, check_wts;
-    void (*tweak)(korl_pinfometa&, korl_partinfo&);
-    int result;
-};
-
-const crc_row kCrcRows[] = {
-    {"intact over several pieces", 10000, 1, 1, [](korl_pinfometa&, korl_partinfo&) {}, 0},
-    {"CRC differs", 1000, 1, 1, [](korl_pinfometa& m, korl_partinfo&) { m.body_crc ^= 1; }, 4},
-    {"no length", 1000, 1, 1, [](korl_pinfometa& m, korl_partinfo&) { m.body_length = 0; }, 2},
-    {"no device", 1000, 1, 1, [](korl_pinfometa&, korl_partinfo& p) { p.pn = 40; }, 3},
-    {"header first", 1000, 2, 2, [](korl_pinfometa&, korl_partinfo&) {}, 0},
-    {"header differs", 1000, 2, 2, [](korl_pinfometa& m, korl_partinfo&) { m.sw_build_id[27] = 1; }, 3},
-    {"header above 64", 1000, 2, 2, [](korl_pinfometa& m, korl_partinfo&) { m.hdr_length = 65; }, 3},
-    {"header first read as body", 1000, 2, 1, [](korl_pinfometa&, korl_partinfo&) {}, 4},
-    {"device end ends the CRC", kPartSize, 1, 1, [](korl_pinfometa& m, korl_partinfo&) { m.body_length += 9; }, 0},
-};
-
-TEST(CrcCheck, ReadsThePartitionBack)
+TEST(OnPartitions, CrcCheckReuseAndVerifySet)
 {
     KOR_SANDBOX_OR_SKIP();
     sandbox::Device dev;
     dev.with_default_layout(kPartSize);
-    for (const crc_row& row : kCrcRows) {
+    using M = korl_pinfometa&;
+    using P = korl_partinfo&;
+    const struct { const char* name; size_t length; int write_wts, check_wts; void (*tweak)(M, P); int result; } rows[] = {
+        {"intact over several pieces", 10000, 1, 1, [](M, P) {}, 0},
+        {"CRC differs", 1000, 1, 1, [](M m, P) { m.body_crc ^= 1; }, 4},
+        {"no length", 1000, 1, 1, [](M m, P) { m.body_length = 0; }, 2},
+        {"no device", 1000, 1, 1, [](M, P p) { p.pn = 40; }, 3},
+        {"header first", 1000, 2, 2, [](M, P) {}, 0},
+        {"header differs", 1000, 2, 2, [](M m, P) { m.sw_build_id[27] = 1; }, 3},
+        {"header above 64", 1000, 2, 2, [](M m, P) { m.hdr_length = 65; }, 3},
+        {"header first read as body", 1000, 2, 1, [](M, P) {}, 4},
+        {"device end ends the CRC", kPartSize, 1, 1, [](M m, P) { m.body_length += 9; }, 0},
+    };
+    for (const auto& row : rows) {
         korl_data d = default_layout();
         put_content(dev, d, 13, row.length, row.write_wts);
         row.tweak(d.pinfometa[13], d.partinfo[13]);
         EXPECT_EQ(crc32_check(&d, 13, row.check_wts), row.result) << row.name;
     }
-}
 
-// Planning and late decisions that find (or reject) a copy on the device.
-TEST(Installed, ReusesOnlyIntactCopiesOfTheVersion)
-{
-    KOR_SANDBOX_OR_SKIP();
-    sandbox::Device dev;
-    dev.with_default_layout(kPartSize);
+    // Planning and late decisions that find (or reject) a copy on the device.
     korl_data d = default_layout();
-    put_content(dev, d, 15, 3000, 1, {1, 2, 3});
-    put_content(dev, d, 16, 3000, 1, {1, 2, 3});
-    put_content(dev, d, 17, 3000, 2, {0, 0, 0});
-    put_content(dev, d, 18, 3000, 1, {4, 0, 1});
+    put_content(dev, d, 15, 3000, 1, {1, 2, 3}), put_content(dev, d, 16, 3000, 1, {1, 2, 3});
+    put_content(dev, d, 17, 3000, 2, {0, 0, 0}), put_content(dev, d, 18, 3000, 1, {4, 0, 1});
     dev.write(sandbox::Device::part(18), 0, {0xFF});
-    const std::pair<korm_element, planned> rows[] = {
-        {elem(0, "KNLS", 1, {1, 2, 3}), {2, 15}},         // intact copy
-        {elem(0, "KNLS", 1, {1, 2, 4}), {1, 11}},         // another version
-        {elem(0, "DTS", 1, {1, 2, 3}, "-", 2), {1, 12}},  // written without its header
-        {elem(0, "ROOTS", 2, {}, "-", 2), {2, 17}},       // version on arrival finds 0.0-0
-        {elem(0, "APPLS", 1, {4, 0, 1}), {1, 14}},        // corrupt copy
-        {elem(-1, "KNLS", 1, {1, 2, 3}), {2, 15}},        // dependency fulfilled
+    const std::pair<korm_element, const char*> reuse[] = {
+        {elem(0, "KNLS", 1, {1, 2, 3}), "2:15"},         // intact copy
+        {elem(0, "KNLS", 1, {1, 2, 4}), "1:11"},         // another version
+        {elem(0, "DTS", 1, {1, 2, 3}, "-", 2), "1:12"},  // written without its header
+        {elem(0, "ROOTS", 2, {}, "-", 2), "2:17"},       // version on arrival finds 0.0-0
+        {elem(0, "APPLS", 1, {4, 0, 1}), "1:14"},        // corrupt copy
+        {elem(-1, "KNLS", 1, {1, 2, 3}), "2:15"},        // dependency fulfilled
     };
     korl_rhdr rh{};
-    for (const auto& [in, out] : rows) {
+    for (const auto& [in, out] : reuse) {
         korm_element e[KORL_KORM_ELEMENTS] = {in};
         ASSERT_EQ(korl_meta_install_part1(&d, 1, &rh, e, "", 0), 1) << in.poolname;
-        EXPECT_EQ(e[0].action, out.action) << in.poolname;
-        EXPECT_EQ(e[0].partinfo_idx, out.idx) << in.poolname;
+        EXPECT_EQ(plan_of(e, 1), out) << in.poolname;
     }
-    for (auto [build, found, out] : {std::tuple{4, -1, planned{1, 11}}, {3, 15, planned{2, 15}}}) {
+    for (auto [build, found, out] : {std::tuple{4, -1, "1:11"}, {3, 15, "2:15"}}) {
         korm_element late = elem(0, "KNLS", 2);
         late.action = 3, late.partinfo_idx = 11;
         EXPECT_EQ(late_action_update(&d, &late, 1, 2, static_cast<uint16_t>(build)), found);
-        EXPECT_EQ(late.action, out.action);
-        EXPECT_EQ(late.partinfo_idx, out.idx);
+        EXPECT_EQ(plan_of(&late, 1), out);
     }
-}
 
-// --- set verification ---
-
-enum part_state { good, bad, empty, no_device };
-
-struct verify_row {
-    const char* name;
-    std::vector<std::pair<int, part_state>> set1;
-    int result;
-    const char* report;  // verbose output; null: not compared
-};
-
-const verify_row kVerifyRows[] = {
-    {"no refs", {}, 1, "verify_set: Set 1: SET1\nverify_set:   no refs\n"},
-    {"good then bad", {{11, good}, {12, bad}}, 4,
-     "verify_set: Set 1: SET1\nverify_set:   ref 11: KNLS         c11         : ok\n"
-     "verify_set:   ref 12: DTS          c12         : bad\n"},
-    {"bad then good", {{12, bad}, {11, good}}, 4, nullptr},
-    {"marked empty", {{14, empty}}, 2, "verify_set: Set 1: SET1\nverify_set:   ref 14: APPLS                    : empty\n"},
-    {"last failure decides", {{12, empty}, {11, no_device}}, 3, nullptr},
-};
-
-TEST(VerifySet, ChecksEveryRef)
-{
-    KOR_SANDBOX_OR_SKIP();
-    sandbox::Device dev;
-    dev.with_default_layout(kPartSize);
-    for (const verify_row& row : kVerifyRows) {
-        SCOPED_TRACE(row.name);
-        korl_data d = default_layout();
+    // Set verification: every ref is checked, the last failure decides.
+    enum part_state { good, bad, empty, no_device };
+    const struct { const char* name; std::vector<std::pair<int, part_state>> set1; int result; const char* report; } sets[] = {
+        {"no refs", {}, 1, "verify_set: Set 1: SET1\nverify_set:   no refs\n"},  // report null: not compared
+        {"good then bad", {{11, good}, {12, bad}}, 4,
+         "verify_set: Set 1: SET1\nverify_set:   ref 11: KNLS         c11         : ok\n"
+         "verify_set:   ref 12: DTS          c12         : bad\n"},
+        {"bad then good", {{12, bad}, {11, good}}, 4, nullptr},
+        {"marked empty", {{14, empty}}, 2, "verify_set: Set 1: SET1\nverify_set:   ref 14: APPLS                    : empty\n"},
+        {"last failure decides", {{12, empty}, {11, no_device}}, 3, nullptr},
+    };
+    for (const auto& row : sets) {
+        d = default_layout();
         for (size_t k = 0; k < row.set1.size(); ++k) {
             auto [idx, st] = row.set1[k];
             d.partset[1].refs[k] = static_cast<int8_t>(idx);
@@ -292,12 +211,10 @@ TEST(VerifySet, ChecksEveryRef)
             if (st == empty) korl_partinfo_mark_meta_invalid(&d, idx);
             if (st == no_device) d.partinfo[idx].pn = 40;
         }
-        EXPECT_EQ(verify_set(nullptr, &d, 1, 0), row.result);
+        EXPECT_EQ(verify_set(nullptr, &d, 1, 0), row.result) << row.name;
         testing::internal::CaptureStdout();
-        EXPECT_EQ(verify_set(nullptr, &d, 1, 1), row.result);
+        EXPECT_EQ(verify_set(nullptr, &d, 1, 1), row.result) << row.name;
         std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(out, row.report ? row.report : out);
+        EXPECT_EQ(out, row.report ? row.report : out) << row.name;
     }
 }
-
-}  // namespace
