@@ -107,13 +107,13 @@ TEST(TransferTest, InstallAndReinstallFromEverySource)
             EXPECT_EQ(count(r.err, e + std::string("should not be downloaded, SKIP\n")), 1u);
         EXPECT_EQ(count(r.out, "Writing out"), 0u);
         EXPECT_EQ(w.partitions(), rel.bodies);
-        if (w.nginx) {
-            auto log = w.nginx->log(requests + 4);
+        if (w.nginx) {  // nothing is asked for behind the last skipped body
+            auto log = w.nginx->log(requests + 3);
             strings ranges;
             uint64_t sent = 0;  // with what was in flight when kor closed each connection
             for (size_t i = requests; i < log.size(); ++i)
                 ranges.push_back(log[i].range), sent += log[i].bytes;
-            EXPECT_EQ(ranges, (strings{"bytes=0-", from(0), from(1), from(2)}));
+            EXPECT_EQ(ranges, (strings{"bytes=0-", from(0), from(1)}));
             EXPECT_LT(sent, rel.image.size() / 2) << "skipped bodies were sent";
         }
         if (w.ftp) {  // SIZE tells libcurl that nothing is left behind the last body
@@ -149,7 +149,8 @@ TEST(TransferTest, ScriptedResponses)
         {"connection dropped", false, response("200 OK", img, img.size() / 2), {}, "curl returned: 18 == ", "bytes=0-", 0},
         {"long header", false, response("200 OK\r\nX-Pad: " + std::string(1200, 'x'), img),
          {}, "curl returned: 23 == ", "bytes=0-", 0},
-        {"404", false, response("404 Not Found", "<html>" + std::string(150, ' ') + "</html>"), {}, "curl returned: 23 == ", "bytes=0-", 0},
+        {"404, even with a short page", false, response("404 Not Found", "<html/>"), {},
+         "curl returned: 22 == The requested URL returned error: 404", "bytes=0-", 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -119,6 +119,13 @@ CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char*
     curl_setup(ctx, source, scheme, error_text);
     CURLcode r = curl_easy_perform(curl);
     while (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_SKIP) {
+        // A skip of the last body completes the image: there is nothing
+        // behind it to ask for, and a server would only answer 416.
+        if (velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE) {
+            ctx->state = INSTALL_STATE_PARSING;
+            r = CURLE_OK;
+            break;
+        }
         curl_easy_reset(curl);
         curl_setup(ctx, source, scheme, error_text);
         clear_header_text(ctx);
@@ -186,6 +193,9 @@ void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* err
         curl_easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
     }
     if (ctx->range_mode != 0) curl_easy_setopt(curl, CURLOPT_RANGE, ctx->range);
+    // An error page is not an image: a server's 4xx/5xx answer ends the
+    // transfer with libcurl's own text instead of reaching the parser.
+    curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
 }
 
 size_t http_header_callback(char* data, size_t size, size_t count, void* ctx)
