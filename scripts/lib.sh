@@ -35,3 +35,53 @@ kor_build() {
   cmake --build "$dir" -j"$(nproc)" 2>&1 | grep -E 'error|warning|Error' || true
   cmake --build "$dir" -j"$(nproc)" >/dev/null
 }
+
+# --- Cross build for ARMv7 hard-float, run under qemu-arm ---------------------
+KOR_ARMHF_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
+# armhf packages unpacked into the sysroot, with the runtime dependency closure
+# of libcurl; the C library headers and crt files come with the cross compiler.
+KOR_ARMHF_ROOTS=(libcurl4-openssl-dev libcurl4 zlib1g-dev zlib1g libgtest-dev libc6
+  libstdc++6 libgcc-s1)
+KOR_ARMHF_SYSROOT="$KOR_ROOT/build/armhf-sysroot"
+
+# Adds the armhf architecture to dpkg once (root only), so apt can fetch its packages.
+kor_armhf_arch() {
+  dpkg --print-foreign-architectures | grep -qx armhf && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "armhf packages need: sudo dpkg --add-architecture armhf && sudo apt-get update" >&2
+    exit 1
+  fi
+  echo "== Adding the armhf architecture to dpkg"
+  dpkg --add-architecture armhf
+  apt-get update -qq >/dev/null
+}
+
+# Unpacks the armhf libraries into $KOR_ARMHF_SYSROOT unless it is complete
+# already. apt-get download + dpkg -x instead of a multiarch install: the
+# host's and armhf's package versions need not match, and nothing is installed.
+kor_armhf_sysroot() {
+  local root=$KOR_ARMHF_SYSROOT debs="$KOR_ARMHF_SYSROOT.debs" pkgs p d l
+  [ -f "$root/.complete" ] && return 0
+  echo "== Making the armhf sysroot in $root"
+  rm -rf "$root" "$debs"
+  mkdir -p "$root" "$debs"
+  pkgs=$(apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts \
+      --no-breaks --no-replaces --no-enhances "${KOR_ARMHF_ROOTS[@]/%/:armhf}" 2>/dev/null |
+    grep -E '^[a-z0-9].*:armhf$' | sort -u |
+    grep -vE '^(libc6-dev|linux-libc-dev|libcrypt-dev|libnsl-dev|libtirpc-dev|libc-dev-bin|rpcsvc-proto):')
+  # shellcheck disable=SC2086
+  (cd "$debs" && apt-get download -qq $pkgs 2>&1 | grep -v '^W: Download is performed unsandboxed' || true)
+  for p in $pkgs; do
+    ls "$debs/${p%:armhf}"_*_armhf.deb >/dev/null 2>&1 || { echo "missing package $p" >&2; return 1; }
+  done
+  for d in "$debs"/*.deb; do dpkg -x "$d" "$root"; done
+  # Absolute links (libz.so -> /lib/...) must point into the sysroot.
+  find "$root" -type l -lname '/*' | while read -r l; do
+    ln -sfn "$(realpath -m --relative-to="$(dirname "$l")" "$root$(readlink "$l")")" "$l"
+  done
+  rm -rf "$debs"
+  touch "$root/.complete"
+}
+
+# The command that runs an armhf program of ours on this machine.
+kor_armhf_emulator() { echo "qemu-arm -L $KOR_ARMHF_SYSROOT"; }
