@@ -30,6 +30,17 @@ const char* text_of(char (&dst)[N], const void* src, size_t size)
     return dst;
 }
 
+// `n` bytes of the part from offset `at` into `dst`. The part's own bytes
+// (header and body) end the copy and the rest reads as zero: a part whose
+// header is shorter than its type's may be the last thing in the buffer.
+void copy_field(void* dst, const velk_content_header* h, size_t at, size_t n)
+{
+    size_t length = size_t{h->hdr_length} + h->body_length;
+    size_t have = length > at ? length - at : 0;
+    std::memset(dst, 0, n);
+    std::memcpy(dst, bytes_of(h) + at, n < have ? n : have);
+}
+
 }  // namespace
 
 int velk_content_info_print(const velk_stream_parser* p, int i)
@@ -59,7 +70,7 @@ int velk_release_header_print(const velk_stream_parser* p, int i)
     const velk_content_header* h = part_at(p, i);
     if (!h) return zb_printf("%s", kNullPart);
     velk_release_info r;
-    std::memcpy(&r, bytes_of(h) + sizeof *h, sizeof r);
+    copy_field(&r, h, sizeof *h, sizeof r);
     char build_id[sizeof r.release_build_id + 1];
     zb_printf("release_version_major..: %i\n", r.release_version_major);
     zb_printf("release_version_minor..: %i\n", r.release_version_minor);
@@ -73,7 +84,8 @@ int velk_content_software_print(const velk_stream_parser* p, int i)
 {
     const velk_content_header* h = part_at(p, i);
     if (!h) return zb_printf("%s", kNullPart);
-    const uint8_t* b = bytes_of(h);
+    uint8_t b[VELK_SOFTWARE_HEADER_MAX];
+    copy_field(b, h, 0, sizeof b);
     // The build id runs from offset 36 to the header's end (at most 64).
     constexpr uint32_t id_at = offsetof(velk_software_content, sw_build_id);
     uint32_t hdr_end = h->hdr_length < VELK_SOFTWARE_HEADER_MAX ? h->hdr_length : VELK_SOFTWARE_HEADER_MAX;
@@ -100,7 +112,9 @@ int velk_content_signature_print(const velk_stream_parser* p, int i)
     uint64_t part_end = uint64_t{h->hdr_length} + h->body_length;
     uint64_t sig_end = length > 0 ? uint64_t{sig_at} + static_cast<uint32_t>(length) : sig_at;
     if (sig_end > part_end) sig_end = part_end > sig_at ? part_end : sig_at;
-    zb_printf("signature algorithm id: %i\n", b[offsetof(velk_signature_content, algorithm_id)]);
+    uint8_t algorithm = 0;
+    copy_field(&algorithm, h, offsetof(velk_signature_content, algorithm_id), 1);
+    zb_printf("signature algorithm id: %i\n", algorithm);
     zb_printf("signature:\n");
     for (uint64_t k = sig_at; k < sig_end; k++) zb_printf("%x", b[k]);
     return zb_printf("\n");
