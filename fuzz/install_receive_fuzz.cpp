@@ -1,11 +1,12 @@
 // The stream receiver on a fuzzer-made image, planned against the default
-// layout held in memory. Pieces arrive as a file source delivers them (the
-// image already in the buffer) or as libcurl does (copied in, with range
-// skips and the resume behind them). Nothing is ever written: the run stops
-// where the install would leave the receiver, before install_write_out.
-// Planning may call crc32_check, which opens a partition read-only only for
-// an entry with a recorded body; the default layout has none, and the
-// fuzz sandbox has no such device anyway.
+// layout held in memory, then the install's checks before its critical
+// region: the release checks, the recording of the plan and the check of
+// the partitions it keeps. Pieces arrive as a file source delivers them
+// (the image already in the buffer) or as libcurl does (copied in, with
+// range skips and the resume behind them). Nothing is ever written: the
+// run stops before the autoset claim and install_write_out. The checks may
+// call crc32_check, which opens a partition read-only; the fuzz sandbox has
+// an empty /dev, so that open fails.
 #include <cstdlib>
 #include <cstring>
 
@@ -14,6 +15,7 @@
 #include "fuzz_split.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"
+#include "install/install_steps.h"
 
 namespace {
 
@@ -25,12 +27,13 @@ enum flag_bits : uint8_t {
     FORCE = 4,
     SET_SHIFT = 3,  // two bits: set 0, 1, 2 (3 counts as 1)
     SEAL_CRCS = 32,
+    PRODUCT = 64,   // -product=dev1
+    MINVER = 128,   // -minver=1.0.1
 };
 
 struct run {
     kor_options opts{};
-    korl_data data{};
-    install_ctx ctx{};
+    install_run steps{};
     int dummy_curl = 0;
 };
 
@@ -39,10 +42,15 @@ void set_up(run* r, const fuzz::split_input& in)
     r->opts.velksize = KOR_DEFAULT_VELKSIZE;
     r->opts.f = (in.flags & FORCE) ? 1 : 0;
     kor_str_copy(r->opts.product, sizeof r->opts.product, "dev1");
-    r->data = g_layout;
-    install_ctx& c = r->ctx;
+    r->opts.product_set = (in.flags & PRODUCT) ? 1 : 0;
+    r->opts.minver_set = (in.flags & MINVER) ? 1 : 0;
+    r->opts.minver_major = 1;
+    r->opts.minver_buildnumber = 1;
+    r->steps.opts = &r->opts;
+    r->steps.data = g_layout;
+    install_ctx& c = r->steps.ctx;
     c.state = INSTALL_STATE_HEADER;
-    c.data = &r->data;
+    c.data = &r->steps.data;
     int set = (in.flags >> SET_SHIFT) & 3;
     c.setidx = static_cast<uint8_t>(set == 3 ? 1 : set);
     c.options = &r->opts;
@@ -61,7 +69,7 @@ void set_up(run* r, const fuzz::split_input& in)
 // As load_file does: each piece is reported with the buffer's start.
 void feed_file(run* r, const fuzz::split_input& in)
 {
-    install_ctx& c = r->ctx;
+    install_ctx& c = r->steps.ctx;
     fuzz::pieces pieces(in);
     size_t delivered = 0;
     for (;;) {
@@ -77,7 +85,7 @@ void feed_file(run* r, const fuzz::split_input& in)
 // a skip restarts the transfer at the offset the receiver asks for.
 void feed_url(run* r, const fuzz::split_input& in)
 {
-    install_ctx& c = r->ctx;
+    install_ctx& c = r->steps.ctx;
     fuzz::pieces pieces(in);
     size_t at = 0;
     while (at < in.image_size) {
@@ -100,6 +108,16 @@ void feed_url(run* r, const fuzz::split_input& in)
     }
 }
 
+// What the install does between a complete image and its first write.
+void check_and_plan(run* r)
+{
+    install_ctx& c = r->steps.ctx;
+    if (c.state == INSTALL_STATE_FAILED || velk_stream_parser_get_status(c.parser) != 3) return;
+    if (check_release(&r->steps) != INSTALL_GO_ON) return;
+    if (record_plan(&r->steps) != INSTALL_GO_ON) return;
+    (void)check_kept(&r->steps);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
@@ -119,13 +137,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (in.flags & SEAL_CRCS) fuzz::seal_image(&in);
     auto* r = new run;
     set_up(r, in);
-    if (r->ctx.curl)
+    install_ctx& c = r->steps.ctx;
+    if (c.curl)
         feed_url(r, in);
     else
         feed_file(r, in);
-    fuzz::expose_all(r->ctx.buffer, r->ctx.buffer_size);
-    velk_stream_parser_deinit(r->ctx.parser);
-    std::free(r->ctx.buffer);
+    check_and_plan(r);
+    fuzz::expose_all(c.buffer, c.buffer_size);
+    velk_stream_parser_deinit(c.parser);
+    std::free(c.buffer);
     delete r;
     return 0;
 }

@@ -51,6 +51,13 @@ bytes split(uint8_t flags, const bytes& sizes, const bytes& image)
     return b;
 }
 
+bytes with_flags(uint8_t flags, const bytes& image)
+{
+    bytes b{flags};
+    b.insert(b.end(), image.begin(), image.end());
+    return b;
+}
+
 std::vector<mkvelk::part> release(const std::string& korm)
 {
     return {mkvelk::release_header(1, 0, 1, 0, "b1", "products=dev1,dev2\n"),
@@ -78,6 +85,9 @@ bool image_seeds()
     ok &= put("velk_stream_parser", "skips", split(0xFF, {40}, plain));
     ok &= put("velk_stream_parser", "bad_body", split(0, {13}, bad_body));
     ok &= put("velk_stream_parser", "too_many_parts", split(2, {}, too_many));
+    ok &= put("velkinfo", "all", with_flags(3, plain));
+    ok &= put("velkinfo", "header_only", with_flags(2, late));
+    ok &= put("velkinfo", "bad_body", with_flags(1, bad_body));
     ok &= put("install_receive", "file", split(0x28, {}, plain));
     ok &= put("install_receive", "file_cuts", split(0x30, cuts, late));
     ok &= put("install_receive", "url_range", split(0x2B, {120, 64, 3}, plain));
@@ -126,6 +136,12 @@ bool text_seeds()
     ok &= put("parse_csv", "two", text("a,b"));
     ok &= put("parse_csv", "trailing", text("SET1,SET2,"));
     ok &= put("parse_csv", "twenty", text("1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20"));
+    ok &= put("http_header", "partial",
+              text(std::string("\0", 1) + "HTTP/1.1 206 Partial Content\r\nContent-Length: 10\r\n"
+                   "Content-Range: bytes 100-109/110\r\n\r\n"));
+    ok &= put("http_header", "whole",
+              text(std::string("\0", 1) + "HTTP/1.1 200 OK\r\nServer: x\r\n\r\n"));
+    ok &= put("http_header", "ftp", text("\x01" "220 ready\r\n213 110\r\n150 Opening\r\n"));
     ok &= put("options", "install",
               args({"-v", "install", "/tmp/x.velk", "-1", "-product=dev1", "-minver=1.2.3"}));
     ok &= put("options", "paths",
