@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "actions/actions.h"
@@ -294,24 +295,45 @@ void verbose_dump(const kor_options* o)
 // The lock descriptor lives from locking to unlocking.
 int g_lock_fd = -1;
 
-bool kor_lock(const char* path)
+// Tries to hold the lock on the file the path names. A run that opened the
+// file just before its holder removed it may still get a lock, but on a
+// removed file, which excludes nobody: it must open the path again.
+constexpr int kLockAttempts = 3;
+
+bool same_file(int fd, const char* path)
 {
-    int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        close(fd);
-        return false;
-    }
-    g_lock_fd = fd;
-    return true;
+    struct stat held, named;
+    return fstat(fd, &held) == 0 && stat(path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
 }
 
+bool kor_lock(const char* path)
+{
+    for (int attempt = 0; attempt < kLockAttempts; attempt++) {
+        int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0) return false;
+        if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+            close(fd);
+            return false;
+        }
+        if (same_file(fd, path)) {
+            g_lock_fd = fd;
+            return true;
+        }
+        close(fd);
+    }
+    return false;
+}
+
+// The file is removed while it is still locked: removed after the unlock,
+// it could be the file another run has just locked, and a third run would
+// then lock a new file beside it.
 void kor_unlock(const char* path)
 {
-    bool failed = flock(g_lock_fd, LOCK_UN) != 0;
+    bool failed = unlink(path) != 0 && errno != EBUSY;
+    failed = flock(g_lock_fd, LOCK_UN) != 0 || failed;
     failed = close(g_lock_fd) != 0 || failed;
     g_lock_fd = -1;
-    if (!failed && unlink(path) != 0 && errno != EBUSY) failed = true;
     if (failed) log_console(LOG_ERR, "WARNING: kor_unlock failed\n");
 }
 
