@@ -50,29 +50,26 @@ TEST(Plan, ChoosesPartitions)
 {
     const std::vector<korm_element> knls = {elem(0, "KNLS", 1, {1, 0, 0}), elem(1, "KNLS", 1, {2, 0, 0}), elem(2, "KNLS", 1, {3, 0, 0})};
     // recorded: versions only, nothing on a device; plan: "action:partinfo_idx" per element
-    const struct { const char* name; refs set1, set2; std::vector<std::pair<int, ver>> recorded; std::vector<korm_element> in;
-                   int setidx, force; const char* platform; int result; const char* plan; } rows[] = {
-        {"into SET1", {}, {}, {}, kRelease, 1, 0, "", 1, "1:11 1:12 1:13 1:14"},
-        {"SET2 holds 11 to 14", {}, {11, 12, 13, 14}, {}, kRelease, 1, 0, "", 1, "1:15 1:16 1:17 1:18"},
-        {"own partitions are free", {11, 12, 13, 14}, {15, 16, 17, 18}, {}, kRelease, 1, 0, "", 1, "1:11 1:12"},
-        {"SAFESET finds none free", {11, 12, 13, 14}, {15, 16, 17, 18}, {}, kRelease, 0, 0, "", -5, "0:-1"},
-        {"singleton without force", {}, {}, {}, {elem(0, "SAFEKNLS", 1)}, 0, 0, "", -3, "0:-1"},
-        {"singleton with force", {}, {}, {}, {elem(0, "SAFEKNLS", 1)}, 0, 1, "", 1, "1:5"},
-        {"dependency not fulfilled", {}, {}, {}, {elem(-1, "APPLS", 1)}, 1, 0, "", -2, "0:-1"},
-        {"failure stops the plan", {}, {}, {}, {elem(0, "KNLS", 1), elem(1, "SAFEDTS", 1), elem(2, "DTS", 1)}, 1, 0, "", -3,
-         "1:11 0:-1 0:-1"},
-        {"no version takes the newest", {}, {}, {{13, {1, 2, 5}}, {17, {1, 10, 0}}}, {elem(-1, "ROOTS", 0)}, 1, 0, "", 1, "2:17"},
-        {"no version, tie takes the lowest", {}, {}, {{13, {2, 0, 1}}, {17, {2, 0, 1}}}, {elem(-1, "ROOTS", 0)}, 1, 0, "", 1,
-         "2:13"},
-        {"no version, unknown pool", {}, {}, {}, {elem(-1, "NOPE", 0)}, 1, 0, "", -4, "0:-1"},
-        {"no version, empty pool name", {}, {}, {}, {elem(-1, "", 0)}, 1, 0, "", -99, "0:-1"},
-        {"write into a too long pool", {}, {}, {}, {elem(0, "KNLSKNLSKNLSKNLS", 1)}, 1, 0, "", -4, "0:-1"},
-        {"two lines for one pool take two partitions", {}, {}, {}, {knls[0], knls[1]}, 1, 0, "", 1, "1:11 1:15"},
-        {"a third line for a two-partition pool finds none", {}, {}, {}, knls, 1, 0, "", -5, "1:11 1:15 0:-1"},
-        {"version on arrival reserves", {}, {}, {}, {elem(0, "KNLS", 2)}, 1, 0, "", 1, "3:11"},
-        {"platform filter", {}, {}, {},
-         {elem(0, "KNLS", 1, {}, "arm"), elem(1, "DTS", 1, {}, "-"), elem(2, "ROOTS", 1, {}, "pc"), elem(3, "APPLS", 1, {}, "pcx")},
-         1, 0, "pc", 1, "0:-1 1:12 1:13 0:-1"},
+    const struct { const char* name; std::vector<korm_element> in; int result; const char* plan; int setidx = 1, force = 0;
+                   const char* platform = ""; refs set1 = {}, set2 = {}; std::vector<std::pair<int, ver>> recorded = {}; } rows[] = {
+        {"into SET1", kRelease, 1, "1:11 1:12 1:13 1:14"},
+        {"SET2 holds 11 to 14", kRelease, 1, "1:15 1:16 1:17 1:18", 1, 0, "", {}, {11, 12, 13, 14}},
+        {"own partitions are free", kRelease, 1, "1:11 1:12", 1, 0, "", {11, 12, 13, 14}, {15, 16, 17, 18}},
+        {"SAFESET finds none free", kRelease, -5, "0:-1", 0, 0, "", {11, 12, 13, 14}, {15, 16, 17, 18}},
+        {"singleton without force", {elem(0, "SAFEKNLS", 1)}, -3, "0:-1", 0},
+        {"singleton with force", {elem(0, "SAFEKNLS", 1)}, 1, "1:5", 0, 1},
+        {"dependency not fulfilled", {elem(-1, "APPLS", 1)}, -2, "0:-1"},
+        {"failure stops the plan", {elem(0, "KNLS", 1), elem(1, "SAFEDTS", 1), elem(2, "DTS", 1)}, -3, "1:11 0:-1 0:-1"},
+        {"no version takes the newest", {elem(-1, "ROOTS", 0)}, 1, "2:17", 1, 0, "", {}, {}, {{13, {1, 2, 5}}, {17, {1, 10, 0}}}},
+        {"no version, tie takes the lowest", {elem(-1, "ROOTS", 0)}, 1, "2:13", 1, 0, "", {}, {}, {{13, {2, 0, 1}}, {17, {2, 0, 1}}}},
+        {"no version, unknown pool", {elem(-1, "NOPE", 0)}, -4, "0:-1"},
+        {"no version, empty pool name", {elem(-1, "", 0)}, -99, "0:-1"},
+        {"write into a too long pool", {elem(0, "KNLSKNLSKNLSKNLS", 1)}, -4, "0:-1"},
+        {"two lines for one pool take two partitions", {knls[0], knls[1]}, 1, "1:11 1:15"},
+        {"a third line for a two-partition pool finds none", knls, -5, "1:11 1:15 0:-1"},
+        {"version on arrival reserves", {elem(0, "KNLS", 2)}, 1, "3:11"},
+        {"platform filter", {elem(0, "KNLS", 1, {}, "arm"), elem(1, "DTS", 1, {}, "-"), elem(2, "ROOTS", 1, {}, "pc"),
+                             elem(3, "APPLS", 1, {}, "pcx")}, 1, "0:-1 1:12 1:13 0:-1", 1, 0, "pc"},
     };
     for (const auto& row : rows) {
         korl_data d = default_layout(row.set1, row.set2);
