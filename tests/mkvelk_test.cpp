@@ -87,17 +87,12 @@ TEST(MkvelkLibrary, LayoutPaddingAndLimits)
 struct MkvelkTool : ::testing::Test {
     std::unique_ptr<sandbox::Device> dev;  // made once the sandbox is known to work
     std::string path(const std::string& name) const { return dev->workdir() + "/" + name; }
-    sandbox::RunResult run(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), MKVELK_BINARY);
-        return dev->run(args);
-    }
+    sandbox::RunResult run(std::vector<std::string> a) { return a.insert(a.begin(), MKVELK_BINARY), dev->run(a); }
     bytes image() const { std::string s = dev->read_file(path("out.velk")); return bytes(s.begin(), s.end()); }
-    std::vector<std::string> with(std::vector<std::string> args) const
+    std::vector<std::string> with(std::vector<std::string> a) const  // a release of 2.1.37 for products a and b
     {
-        args.insert(args.begin(), {"-o", path("out.velk"), "--version", "2.1.37", "--date", "1700000000", "--build-id", "b42",
-                                   "--products", "a,b"});
-        return args;
+        return a.insert(a.begin(), {"-o", path("out.velk"), "--version", "2.1.37", "--date", "1700000000", "--build-id", "b42",
+                                    "--products", "a,b"}), a;
     }
     void SetUp() override
     {
@@ -147,10 +142,6 @@ TEST_F(MkvelkTool, RefusesWhatKorCouldNotUse)
     const std::string sw = "s:1.2.3:" + path("k.img"), k = path("k.img");
     std::vector<std::string> nineteen = {"--software", sw};
     for (int i = 0; i < 19; ++i) nineteen.insert(nineteen.end(), {"--data", "d" + std::to_string(i) + ":" + k});
-    const auto korm = [&](const char* file, std::vector<std::string> more = {}) {
-        more.insert(more.begin(), {"--korm", path(file)});
-        return with(more);
-    };
     const struct { std::vector<std::string> args; const char* message; } rows[] = {
         {{}, "Usage: mkvelk"}, {{"--bogus"}, "unknown argument"}, {{"-o"}, "missing value"},
         {{"--version", "1.2.3", "--products", "a", "--software", sw}, "missing -o"},
@@ -174,12 +165,12 @@ TEST_F(MkvelkTool, RefusesWhatKorCouldNotUse)
         {with({"--data", "d:" + k}), "nothing to install"}, {with({"--data", "d"}), "--data wants"},
         {with({"--signature", "g:256:" + path("s.bin"), "--software", sw}), "--signature wants"},
         {with(nineteen), "too many content parts"},
-        {korm("many.korm", {"--software", sw}), "more than 44 lines"},
-        {korm("bad.korm", {"--software", sw}), "1 line(s) of wrong syntax"},
-        {korm("range.korm", {"--software", sw}), "KORM line 1: content index 3"},
-        {korm("order.korm", {"--software", sw, "--software", sw}), "KORM line 2: content index 2"},
-        {korm("empty.korm", {"--software", sw}), "no install line"},
-        {korm("bad.korm", {"--software", sw + ":ROOTS"}), "not used with --korm"},
+        {with({"--korm", path("many.korm"), "--software", sw}), "more than 44 lines"},
+        {with({"--korm", path("bad.korm"), "--software", sw}), "1 line(s) of wrong syntax"},
+        {with({"--korm", path("range.korm"), "--software", sw}), "KORM line 1: content index 3"},
+        {with({"--korm", path("order.korm"), "--software", sw, "--software", sw}), "KORM line 2: content index 2"},
+        {with({"--korm", path("empty.korm"), "--software", sw}), "no install line"},
+        {with({"--korm", path("bad.korm"), "--software", sw + ":ROOTS"}), "not used with --korm"},
     };
     for (const auto& row : rows) {
         const auto r = run(row.args);
