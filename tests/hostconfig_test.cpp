@@ -128,38 +128,6 @@ TEST(HostconfigFiles, SavedImageIsTheVelkFileLoadedBackOrRefused)
     EXPECT_EQ(korl_hostconfig_import(&d, &hc), -1);  // a short "KOR data": refused, not read past its end
 }
 
-TEST(HostconfigFiles, SaveWritesTheGoodCopyLast)
-{
-    KOR_SANDBOX_OR_SKIP();
-    sandbox::Device dev;
-    const std::string p = dev.workdir() + "/primary", b = dev.workdir() + "/backup";
-    const std::string good = str(image_of({{"KOR data", bytes(3240, 0)}}));
-    const struct { bool primary_good, backup_good; int loaded_from; std::string order; } rows[] = {
-        {true, true, 1, "backup primary "}, {false, true, 2, "primary backup "},  // the backup: the only good copy
-        {false, false, 0, "backup primary "}};
-    for (const auto& r : rows) {
-        dev.write_file(p, r.primary_good ? good : "x");
-        dev.write_file(b, r.backup_good ? good : "x");
-        kor_options o = opts_for(p, b);
-        korl_data d;
-        hostconfig loaded;
-        ASSERT_EQ(load(&o, &d, &loaded), 1);
-        EXPECT_EQ(loaded.loaded_from, r.loaded_from);
-        int in = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        ASSERT_GE(inotify_add_watch(in, dev.workdir().c_str(), IN_CLOSE_WRITE), 0);
-        ASSERT_EQ(save_hostconfig(&o, &d, &loaded, "test"), 1);
-        alignas(inotify_event) char buf[4096];
-        std::string order;
-        for (ssize_t at = 0, n = read(in, buf, sizeof buf); at < n;) {
-            const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
-            order += std::string(e->name) + " ";
-            at += ssize_t(sizeof *e + e->len);
-        }
-        close(in);
-        EXPECT_EQ(order + stored(dev, p) + stored(dev, b), r.order + "KOR data(0) KOR data(0) ") << r.loaded_from;
-    }
-}
-
 TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
 {
     KOR_SANDBOX_OR_SKIP();
@@ -169,39 +137,61 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
     set2.insert(set2.find("\n", set2.find("  2  SET2")), "   ACTIVE SET");
     const std::string backup = "7 hostconfig_load failed; loaded backup (/dev/mmcblk0p4) successfully.\n",
                       init = "5 critical part start: hostconfig_save called by initialize\n"
-                             "5 critical part end: hostconfig_save\n6 initialize: OK\n";
+                             "5 critical part end: hostconfig_save\n6 initialize: OK\n",
+                      psave = "5 critical part start: hostconfig_save called by partset\n5 critical part end: hostconfig_save\n",
+                      bak_w = "hostconfig_load failed; loaded backup (W/bak.bin) successfully.\n";  // W: the workdir
     enum { none, good, damaged };
-    // The primary (-cfg= file when cfg) and p4 written before; the command before "info"; its stderr and info's output;
-    // the syslog lines of both naming the hostconfig; what the primary and p4 hold afterwards.
-    const struct { const char* what; int primary, backup; bool cfg; const char* before; std::string out, log, stored; } rows[] = {
-        {"never written", none, none, false, "", deflt, "", "none |none "},
-        {"primary", good, none, false, "", set2, "", "KOR data(2) |none "},
-        {"backup", damaged, good, false, "", set2, backup, "!KOR data(2)! |KOR data(2) "},
-        {"both damaged", damaged, damaged, false, "", deflt, "", "!KOR data(2)! |!KOR data(2)! "},
-        {"initialize", none, none, false, "initialize", empty, init, "KOR data(0) |KOR data(0) "},
-        {"-cfg=, initialize", none, good, true, "initialize", empty, init, "KOR data(0) |KOR data(2) "},
-        {"-cfg=, damaged", damaged, good, true, "", deflt, "", "!KOR data(2)! |KOR data(2) "},  // not the backup's
+    // The primary and backup written before (p3, p4; -cfg= file when cfg, -cfgbak= file when cfg is 2); the command
+    // before "info"; its stderr and info's output; the syslog lines of both naming the hostconfig; the files in the
+    // order they were written; what the primary and backup hold afterwards.
+    const struct { const char* what; int primary, backup, cfg; const char* before; std::string out, log, stored; } rows[] = {
+        {"never written", none, none, 0, "", deflt, "", "none |none "},
+        {"primary", good, none, 0, "", set2, "", "KOR data(2) |none "},
+        {"backup", damaged, good, 0, "", set2, backup, "!KOR data(2)! |KOR data(2) "},
+        {"both damaged", damaged, damaged, 0, "", deflt, "", "!KOR data(2)! |!KOR data(2)! "},
+        {"initialize", none, none, 0, "initialize", empty, init, "KOR data(0) |KOR data(0) "},
+        {"-cfg=, initialize", none, good, 1, "initialize", empty, init, "hc.bin KOR data(0) |KOR data(2) "},
+        {"-cfg=, damaged", damaged, good, 1, "", deflt, "", "!KOR data(2)! |KOR data(2) "},  // not the backup's
+        {"saved: backup first", good, good, 2, "partset 1 SET1", set2, psave, "bak.bin hc.bin KOR data(2) |KOR data(2) "},
+        {"loaded from backup: primary first", damaged, good, 2, "partset 1 SET1", bak_w + set2, "7 " + bak_w + psave,
+         "hc.bin bak.bin KOR data(2) |KOR data(2) "},
+        {"neither good", damaged, damaged, 2, "partset 1 SET1", deflt, psave, "bak.bin hc.bin KOR data(0) |KOR data(0) "},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.what);
         sandbox::Device dev;
         dev.with_default_layout();
-        const std::string primary = r.cfg ? dev.workdir() + "/hc.bin" : kP3, cfg = "-cfg=" + primary;
-        for (auto [path, kind] : {std::pair{primary, r.primary}, {kP4, r.backup}}) {
+        const std::string primary = r.cfg ? dev.workdir() + "/hc.bin" : kP3, bak = r.cfg > 1 ? dev.workdir() + "/bak.bin" : kP4;
+        for (auto [path, kind] : {std::pair{primary, r.primary}, {bak, r.backup}}) {
             if (kind != none) store(2, {path});
             if (kind == damaged) dev.write(path, 3000, {0xEE});
         }
-        std::string out, log;
+        std::string out, log, order;
+        int in = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(inotify_add_watch(in, dev.workdir().c_str(), IN_CLOSE_WRITE), 0);
         for (std::string action : {std::string(r.before), std::string("info")}) {
+            std::vector<std::string> args = {r.cfg ? "-cfg=" + primary : "-dryrun", "-cfgbak=" + bak};
+            for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
+                args.push_back(action.substr(at, (end = action.find(' ', at)) - at));
+            if (r.cfg < 2) args.erase(args.begin() + 1);
             if (action.empty()) continue;
-            sandbox::RunResult res = dev.kor(r.cfg ? std::vector<std::string>{cfg, action} : std::vector<std::string>{"-dryrun", action});
+            sandbox::RunResult res = dev.kor(args);
             EXPECT_EQ(res.status, 0);
             out += action == "info" ? res.out : res.err;
             for (const auto& l : res.log)
                 if (l.text.find("hostconfig") != std::string::npos || l.text.find("initialize:") != std::string::npos)
                     log += std::to_string(l.priority) + " " + l.text;
         }
-        EXPECT_EQ(out + log + stored(dev, primary) + "|" + stored(dev, kP4), r.out + r.log + r.stored);
+        alignas(inotify_event) char buf[4096];
+        for (ssize_t at = 0, n = read(in, buf, sizeof buf); at < n;) {
+            const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
+            order += std::string(e->name) + " ";
+            at += ssize_t(sizeof *e + e->len);
+        }
+        close(in);
+        std::string got = out + log + order + stored(dev, primary) + "|" + stored(dev, bak);
+        for (size_t at; (at = got.find(dev.workdir())) != std::string::npos;) got.replace(at, dev.workdir().size(), "W");
+        EXPECT_EQ(got, r.out + r.log + r.stored);
     }
 }
 
