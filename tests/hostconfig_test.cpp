@@ -40,14 +40,6 @@ bytes image_of(const parts_t& parts)
 
 std::string str(const bytes& b) { return std::string(b.begin(), b.end()); }
 
-kor_options opts_for(const std::string& cfg, const std::string& cfgbak)
-{
-    kor_options o{};
-    kor_str_copy(o.cfg, sizeof o.cfg, cfg.c_str());
-    kor_str_copy(o.cfgbak, sizeof o.cfgbak, cfgbak.c_str());
-    return o;
-}
-
 // The part names of the stored image ("!": CRCs fail), with the actset of "KOR data"; "none" when undecodable.
 std::string stored(const sandbox::Device& dev, const std::string& path, hcdec::Image* out = nullptr)
 {
@@ -79,7 +71,7 @@ TEST(HostconfigContainer, AddGrowsByPaddedSizeWithinCapacityAndTwentyParts)
     hostconfig hc;
     EXPECT_EQ(hostconfig_new(&hc, 5121), 0);
     std::vector<int> twenty_then_full(21, 1);
-    twenty_then_full[20] = -1;
+    twenty_then_full.back() = -1;
     const struct { uint32_t capacity; std::vector<uint32_t> lengths; std::vector<int> results; uint32_t used; } rows[] = {
         {5120, {5}, {1}, 64},     {5120, {1, 8, 3240}, {1, 1, 1}, 24 + 36 + 40 + 3272},
         {64, {8}, {1}, 64},       {63, {8}, {-1}, 24},  // one byte over
@@ -201,7 +193,8 @@ TEST(HostconfigDevice, SaveKeepsOtherBodiesAndEveryStoredFieldFlagsReadAndWritte
     sandbox::Device dev;
     dev.with_default_layout();
     store(1, {kP3, kP4}, true);
-    kor_options o = opts_for(kP3, kP4);
+    kor_options o{};
+    kor_str_copy(o.cfg, sizeof o.cfg, kP3.c_str()), kor_str_copy(o.cfgbak, sizeof o.cfgbak, kP4.c_str());
     korl_data d;
     hostconfig loaded;
     ASSERT_EQ(load(&o, &d, &loaded), 1);
