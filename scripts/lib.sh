@@ -6,7 +6,7 @@ KOR_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Debian packages the build, the tests and the demo need.
 KOR_PACKAGES=(build-essential cmake pkg-config libcurl4-openssl-dev zlib1g-dev
   libgtest-dev googletest libbenchmark-dev nginx-light vsftpd e2fsprogs curl
-  util-linux time clang libclang-rt-14-dev)
+  util-linux time clang libclang-rt-14-dev openssl)
 
 # Installs what is missing (as root), or says the one command to run.
 kor_ensure_packages() {

@@ -18,6 +18,10 @@
 
 namespace {
 
+// A server that stalls is dropped once it has averaged below 100 B/s for
+// 300 s (curl error 28). libcurl's sockets are non-blocking, so the 120 s
+// socket time-outs do not end a stalled transfer earlier, and there is no
+// overall time limit: a server trickling 100 B/s or more is waited for.
 constexpr long CONNECT_TIMEOUT_S = 300;
 constexpr long LOW_SPEED_LIMIT_BPS = 100;
 constexpr long LOW_SPEED_TIME_S = 300;
@@ -56,6 +60,7 @@ size_t store_header_line(install_ctx* ctx, const char* data, size_t n)
     constexpr size_t limit = INSTALL_HEADER_TEXT - 1;
     if (n > limit - ctx->header_fill) {
         ctx->header_overflow = 1;
+        ctx->state = INSTALL_STATE_FAILED;  // not a restart, even behind a skip
         log_console(LOG_ERR, "install: response header longer than %u bytes\n",
                     static_cast<unsigned>(limit));
         return 0;
@@ -70,6 +75,20 @@ bool header_complete(const install_ctx* ctx)
 {
     return ctx->header_fill >= 4 &&
            memcmp(ctx->header_text + ctx->header_fill - 4, "\r\n\r\n", 4) == 0;
+}
+
+// A redirect is refused rather than followed: following it could move the
+// update to another server unnoticed, and the range restart reads the
+// headers of one response only. `line` is the stored, zero-terminated line.
+bool refuse_redirect(install_ctx* ctx, const char* line)
+{
+    int code = 0;
+    if (sscanf(line, "HTTP/%*3[0-9.] %3d", &code) != 1 || code < 300 || code > 399) return false;
+    log_console(LOG_ERR,
+                "install: server answered with a redirect (%d); redirects are not followed\n",
+                code);
+    ctx->state = INSTALL_STATE_FAILED;  // not a restart, even behind a skip
+    return true;
 }
 
 // A complete HTTP/1.1 response header without a readable Content-Range line
@@ -202,8 +221,9 @@ size_t http_header_callback(char* data, size_t size, size_t count, void* ctx)
 {
     if (data == nullptr) return 0;
     auto* c = static_cast<install_ctx*>(ctx);
+    const uint32_t at = c->header_fill;
     size_t n = store_header_line(c, data, size * count);
-    if (n != size * count) return 0;
+    if (n != size * count || refuse_redirect(c, c->header_text + at)) return 0;
     check_content_range(c);
     return n;
 }

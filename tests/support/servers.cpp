@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -125,7 +126,9 @@ void Daemon::stop()
     pid_ = 0;
 }
 
-Nginx::Nginx(const std::string& dir, const std::string& docroot) : Daemon(dir, "http")
+Nginx::Nginx(const std::string& dir, const std::string& docroot, const std::string& server_conf,
+             bool tls)
+    : Daemon(dir, tls ? "https" : "http")
 {
     mkdir((dir + "/tmp").c_str(), 0700);
     std::string temps;
@@ -141,8 +144,8 @@ Nginx::Nginx(const std::string& dir, const std::string& docroot) : Daemon(dir, "
             << "  log_format kor '$status $body_bytes_sent \"$http_range\"';\n"
             << "  access_log " << dir << "/access.log kor;\n"
             << "  default_type application/octet-stream;\n  sendfile on;\n"
-            << "  server {\n    listen 127.0.0.1:" << port << " sndbuf=64k;\n"
-            << "    root " << docroot << ";\n  }\n}\n";
+            << "  server {\n    listen 127.0.0.1:" << port << (tls ? " ssl" : "")
+            << " sndbuf=64k;\n    root " << docroot << ";\n" << server_conf << "  }\n}\n";
         return std::vector<std::string>{"/usr/sbin/nginx", "-p", dir, "-c", dir + "/nginx.conf",
                                         "-e", dir + "/error.log"};
     });
@@ -198,7 +201,8 @@ FtpLog Vsftpd::log(size_t downloads) const
     return out;
 }
 
-Scripted::Scripted(std::string response) : response_(std::move(response))
+Scripted::Scripted(std::vector<std::string> responses, int stall_ms)
+    : responses_(std::move(responses)), stall_ms_(stall_ms)
 {
     listen_fd_ = bound_socket(&port_, 8);
     if (listen_fd_ >= 0) thread_ = std::thread([this] { serve(); });
@@ -234,13 +238,17 @@ void Scripted::serve()
         while (request.find("\r\n\r\n") == std::string::npos && request.size() < 16384 &&
                (n = recv(fd, buf, sizeof buf, 0)) > 0)
             request.append(buf, static_cast<size_t>(n));
+        size_t served = 0;
         if (n > 0) {
             size_t at = request.find("\r\nRange: "), end = request.find('\r', at + 9);
             std::lock_guard<std::mutex> lock(mutex_);
+            served = ranges_.size();
             ranges_.push_back(at == std::string::npos ? "" : request.substr(at + 9, end - at - 9));
         }
-        for (size_t sent = 0; n > 0 && sent < response_.size(); sent += static_cast<size_t>(n))
-            n = send(fd, response_.data() + sent, response_.size() - sent, MSG_NOSIGNAL);
+        const std::string& response = responses_[std::min(served, responses_.size() - 1)];
+        for (size_t sent = 0; n > 0 && sent < response.size(); sent += static_cast<size_t>(n))
+            n = send(fd, response.data() + sent, response.size() - sent, MSG_NOSIGNAL);
+        if (n > 0) std::this_thread::sleep_for(std::chrono::milliseconds(stall_ms_));
         close(fd);
     }
 }

@@ -48,7 +48,10 @@ struct Served {          // one request as nginx logged it
 
 class Nginx : public Daemon {
 public:
-    Nginx(const std::string& dir, const std::string& docroot);
+    // `server_conf`: more lines for the server block; `tls`: https with the
+    // ssl_certificate lines that `server_conf` then holds.
+    Nginx(const std::string& dir, const std::string& docroot, const std::string& server_conf = "",
+          bool tls = false);
     std::vector<Served> log(size_t at_least = 0) const;  // once it holds `at_least` (bounded wait)
 };
 
@@ -65,11 +68,13 @@ public:
 };
 
 // HTTP server in a thread of the test process: reads each request, answers
-// it with `response` (status line, headers and body as sent, possibly cut
-// short) and closes the connection.
+// the i-th with responses[i] (the last one again for any further request:
+// status line, headers and body as sent, possibly cut short), keeps the
+// connection open for `stall_ms` more and closes it.
 class Scripted {
 public:
-    explicit Scripted(std::string response);
+    explicit Scripted(std::string response) : Scripted(std::vector<std::string>{response}) {}
+    explicit Scripted(std::vector<std::string> responses, int stall_ms = 0);
     ~Scripted();
     Scripted(const Scripted&) = delete;
     Scripted& operator=(const Scripted&) = delete;
@@ -78,7 +83,8 @@ public:
 
 private:
     void serve();
-    std::string response_;
+    std::vector<std::string> responses_;
+    int stall_ms_;
     int listen_fd_ = -1, port_ = 0;
     std::atomic<bool> stop_{false};
     mutable std::mutex mutex_;
