@@ -92,6 +92,7 @@ struct World {
         auto r = dev.kor({"install", url, "1"});
         EXPECT_EQ(r.status, status) << r.err;
         EXPECT_NE(r.err.find(error), std::string::npos) << r.err;
+        EXPECT_EQ((r.err + r.log_text()).find("secret"), std::string::npos) << "a password was logged";
         parts after = state();
         if (status != 0) { EXPECT_EQ(after, before) << "a refusal wrote"; }
         if (status == 0) { EXPECT_EQ(parts(after.begin(), after.begin() + 3), release().bodies); }
@@ -141,7 +142,7 @@ TEST(HostileTest, NginxAuthRedirectAndCertificate)
     KOR_SANDBOX_OR_SKIP();
     const struct { const char* name; bool tls; std::string user, path; int status;
         std::string error; } cases[] = {
-        {"user and password", false, "kor:secret@", "private/img.velk", 0, ""},
+        {"user and password", false, "kor:secret@", "private/img.velk", 0, "install: http://***@127.0.0.1:"},
         {"wrong password", false, "kor:wrong@", "private/img.velk", 16, "returned error: 401"},
         {"301", false, "", "moved.velk", 16, "install: server answered with a redirect (301)"},
         {"self-signed certificate", true, "", "img.velk", 16, "curl returned: 60 == "},

@@ -54,6 +54,28 @@ int load_metadata(install_run* run)
     return hr;
 }
 
+// The source as logs may show it: a password in a URL's user part must not
+// reach the console or syslog, so the whole user part becomes "***".
+struct shown_source {
+    char text[400];
+};
+
+shown_source show(const char* source)
+{
+    shown_source out{};
+    const char* scheme_end = std::strstr(source, "://");
+    const char* host = scheme_end ? scheme_end + 3 : nullptr;
+    const char* at = host ? std::strchr(host, '@') : nullptr;
+    const char* slash = host ? std::strchr(host, '/') : nullptr;
+    if (!at || (slash && slash < at)) {
+        kor_str_copy(out.text, sizeof out.text, source);
+        return out;
+    }
+    std::snprintf(out.text, sizeof out.text, "%.*s***%s", static_cast<int>(host - source), source,
+                  at);
+    return out;
+}
+
 bool release_lower(const korl_rhdr& a, const korl_rhdr& b)
 {
     if (a.release_version_major != b.release_version_major)
@@ -67,7 +89,7 @@ bool release_lower(const korl_rhdr& a, const korl_rhdr& b)
 int choose_set(install_run* run)
 {
     if (run->wanted_set >= 0) {
-        log_always(LOG_NOTICE, "install: %s into set idx = %i\n", run->source,
+        log_always(LOG_NOTICE, "install: %s into set idx = %i\n", show(run->source).text,
                    run->wanted_set);
         return GO_ON;
     }
@@ -82,7 +104,8 @@ int choose_set(install_run* run)
     }
     run->ctx.setidx = static_cast<uint8_t>(set);
     run->autoset = true;
-    log_always(LOG_NOTICE, "install: %s into autodetected set idx = %i\n", run->source, set);
+    log_always(LOG_NOTICE, "install: %s into autodetected set idx = %i\n", show(run->source).text,
+               set);
     return GO_ON;
 }
 

@@ -164,6 +164,7 @@ int record_plan(install_run* run)
 {
     const kor_options* o = run->opts;
     const char* match = o->platform_set ? o->platform : o->product;
+    run->stored = run->data;
     int r = korl_meta_install(&run->data, run->ctx.setidx, release_info(part0(run)),
                               run->ctx.korm, velk_stream_parser_content_parts(run->ctx.parser),
                               match, o->f);

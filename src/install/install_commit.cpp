@@ -54,6 +54,9 @@ int post_activate(install_run* run)
     return h->install_post_activate(&run->ctx, &run->hc);
 }
 
+// The test mark goes on before the save that makes the set active: cut
+// between the two, the device still runs the old set, while the other
+// order would leave a new set active without its trial boot.
 int activate(install_run* run)
 {
     const kor_options* o = run->opts;
@@ -61,18 +64,44 @@ int activate(install_run* run)
         (void)fnprintf(o->activesetfile, "%d", run->ctx.setidx);
     else
         run->data.actset = run->ctx.setidx;
+    bool marked = !o->test || set_upgrade_state(run->data.actset, 1) == 0;
     int r = save(run);
     if (r != GO_ON) return r;
-    if (o->test && set_upgrade_state(run->data.actset, 1) != 0) {
+    if (!marked) {
         log_always(LOG_CRIT, "cannot set test mode\n");
         return 1;
     }
     return post_activate(run);
 }
 
+// Partitions about to be written may hold content the stored record claims
+// (a set installed over, a damaged copy rewritten). Those claims are dropped
+// from the stored record before the first write, so that a run cut while
+// writing never leaves a hostconfig that claims content no longer there.
+// Nothing else of the stored record changes.
+int release_claims(install_run* run)
+{
+    if (run->opts->dryrun || run->opts->onlymeta) return GO_ON;
+    korl_data stored = run->stored;
+    bool claimed = false;
+    for (const korm_element& e : run->ctx.korm) {
+        if (e.action != 1 || e.partinfo_idx < 0 || e.partinfo_idx >= KORL_PARTINFOS) continue;
+        const korl_pinfometa& m = stored.pinfometa[e.partinfo_idx];
+        if (m.body_length == 0 && m.body_crc == 0) continue;
+        korl_partinfo_mark_meta_invalid(&stored, e.partinfo_idx);
+        claimed = true;
+    }
+    if (!claimed) return GO_ON;
+    if (save_hostconfig(run->opts, &stored, &run->hc, "install") == 1) return GO_ON;
+    log_always(LOG_CRIT, "KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE\n");
+    return KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE;
+}
+
 // Writes, records and activates; the status with which the install ends.
 int write_and_record(install_run* run)
 {
+    int released = release_claims(run);
+    if (released != GO_ON) return released;
     install_write_result w = install_write_out(&run->ctx);
     const kor_hooks* h = kor_hooks_get();
     if (h && h->install_post_write_out) {

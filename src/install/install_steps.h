@@ -8,6 +8,7 @@
 struct install_run {
     kor_options* opts;
     korl_data data;
+    korl_data stored;  // the record as loaded, before the plan was recorded
     hostconfig hc;
     install_ctx ctx;
     const char* source;
