@@ -101,6 +101,7 @@ struct Row {
     std::function<bytes(const bytes& kd)> stored = nullptr;       // on p3 and p4
     bool default_layout = false;  // info reports the default layout
     std::string env = "";         // NAME=value
+    bool primary_only = false;    // `stored` goes on p3 only; p4 keeps the good copy
 };
 
 std::string golden_default()
@@ -198,6 +199,9 @@ TEST(BadInput, RefusedClearlyAndNothingWritten)
          [](const bytes& kd) { return with_small_parts(kd, 19); }},
         {"short KOR data body", {"info"}, 1, "info action: loading hostcfg failed.\n", nullptr,
          nullptr, [](const bytes& kd) { return hostconfig_image({{"KOR data", bytes(kd.begin(), kd.begin() + 100)}}); }},
+        {"short KOR data body, good backup", {"info"}, 0, "1.00 1     11    ACTIVE SET", nullptr, nullptr,
+         [](const bytes& kd) { return hostconfig_image({{"KOR data", bytes(kd.begin(), kd.begin() + 100)}}); },
+         false, "", true},
         {"22 members in one pool", {"info"}, 0, "korl: pool KNLS is full; partition entry 21 is in no pool\n",
          nullptr, nullptr, all_in_one_pool},
         {"partinfo -pn=256", {"partinfo", "4", "TESTPOOL", "0x100", "-pn=256"}, 1,
@@ -222,7 +226,7 @@ TEST(BadInput, RefusedClearlyAndNothingWritten)
             bytes s = row.stored(good_kd);
             s.resize(5120, 0);
             d.write(Device::part(3), 0, s);
-            d.write(Device::part(4), 0, s);
+            if (!row.primary_only) d.write(Device::part(4), 0, s);
         }
         std::vector<std::string> args;
         for (const std::string& a : row.args) {

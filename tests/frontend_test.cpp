@@ -19,11 +19,15 @@ using sandbox::RunResult;
 
 namespace {
 
+// The words of a parsed record point into the arguments: they stay alive
+// until the next parse.
 kor_options parse(std::vector<std::string> args, int* status = nullptr)
 {
-    args.insert(args.begin(), "kor");
+    static std::vector<std::string> kept;
+    kept = std::move(args);
+    kept.insert(kept.begin(), "kor");
     std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
+    for (auto& a : kept) argv.push_back(a.data());
     kor_options o;
     int r = kor_options_parse(&o, static_cast<int>(argv.size()), argv.data());
     if (status) *status = r;

@@ -80,11 +80,20 @@ int load(kor_options* opts, korl_data* d, hostconfig* hc)
         log_console(LOG_DEBUG, "hostconfig_load failed.\n");
         return -1;
     }
-    if (korl_hostconfig_import(d, hc) != 1) {
-        log_console(LOG_DEBUG, "korl_hostconfig_import failed.\n");
-        return -1;
+    if (korl_hostconfig_import(d, hc) == 1) return 1;
+    // A primary that loads but holds no usable "KOR data" is as lost as a
+    // damaged one: the backup stands in for it, and is marked as the copy
+    // loaded so that the next save repairs the primary first.
+    const char* backup = backup_of(opts);
+    if (r == 1 && backup && hostconfig_new(hc, HOSTCONFIG_MAX) == 1 &&
+        hostconfig_load(hc, backup, nullptr) == 1 && korl_hostconfig_import(d, hc) == 1) {
+        hc->loaded_from = 2;
+        log_console(LOG_DEBUG, "hostconfig_load failed; loaded backup (%s) successfully.\n",
+                    opts->cfgbak);
+        return 1;
     }
-    return 1;
+    log_console(LOG_DEBUG, "korl_hostconfig_import failed.\n");
+    return -1;
 }
 
 int save_hostconfig(kor_options* opts, korl_data* d, hostconfig* loaded, const char* caller)
