@@ -13,7 +13,9 @@
 // preload can replace, so a device stream opened with fopen is made
 // unbuffered and each fwrite on it is one write: what the process has
 // handed to the kernel when it dies is then exactly what fwrite returned.
-// write, pwrite and writev are caught directly.
+// write, pwrite, pwrite64 and writev are caught directly; the file is built
+// with the C library's own off_t so that both entry points keep their names.
+#undef _FILE_OFFSET_BITS
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -125,9 +127,14 @@ ssize_t pwrite(int fd, const void* buf, size_t n, off_t offset)
     return r;
 }
 
-ssize_t pwrite64(int fd, const void* buf, size_t n, off_t offset)
+ssize_t pwrite64(int fd, const void* buf, size_t n, off64_t offset)
 {
-    return pwrite(fd, buf, n, offset);
+    static auto next = real<ssize_t (*)(int, const void*, size_t, off64_t)>("pwrite64");
+    bool die = false;
+    size_t pass = admit(fd, n, &die);
+    ssize_t r = pass > 0 || !die ? next(fd, buf, pass, offset) : 0;
+    if (die) die_now();
+    return r;
 }
 
 ssize_t writev(int fd, const struct iovec* iov, int count)
