@@ -14,16 +14,12 @@
 #include "fuzz_crc.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
+#include "fuzz_check.h"
 
 namespace {
 
 int g_fd = -1;
 char g_path[40];
-
-void check(bool ok)
-{
-    if (!ok) std::abort();
-}
 
 bool put_file(const uint8_t* data, size_t size)
 {

@@ -6,15 +6,7 @@
 #include <cstring>
 
 #include "install/install.h"
-
-namespace {
-
-void check(bool ok)
-{
-    if (!ok) std::abort();
-}
-
-}  // namespace
+#include "fuzz_check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

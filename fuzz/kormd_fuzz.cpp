@@ -5,21 +5,7 @@
 #include <vector>
 
 #include "korl/korl.h"
-
-namespace {
-
-void check(bool ok)
-{
-    if (!ok) std::abort();
-}
-
-template <size_t N>
-bool terminated(const char (&field)[N])
-{
-    return strnlen(field, N) < N;
-}
-
-}  // namespace
+#include "fuzz_check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

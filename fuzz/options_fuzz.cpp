@@ -8,21 +8,11 @@
 #include <vector>
 
 #include "frontend/options.h"
+#include "fuzz_check.h"
 
 namespace {
 
 constexpr size_t kMaxArgs = 64;
-
-void check(bool ok)
-{
-    if (!ok) std::abort();
-}
-
-template <size_t N>
-bool terminated(const char (&field)[N])
-{
-    return strnlen(field, N) < N;
-}
 
 }  // namespace
 

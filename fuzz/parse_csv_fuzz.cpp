@@ -7,16 +7,12 @@
 #include <vector>
 
 #include "korl/korl.h"
+#include "fuzz_check.h"
 
 namespace {
 
 constexpr int kSlots = 20;
 constexpr uint32_t kBuffer = 100;
-
-void check(bool ok)
-{
-    if (!ok) std::abort();
-}
 
 }  // namespace
 

@@ -7,15 +7,11 @@
 
 #include "fuzz_split.h"
 #include "velk/velk_stream_parser.h"
+#include "fuzz_check.h"
 
 namespace {
 
 constexpr uint32_t kFileHeader = VELK_ID_SIZE + VELK_HEADER_SIZE;
-
-void check(bool ok)
-{
-    if (!ok) std::abort();
-}
 
 void check_invariants(const velk_stream_parser& p, const uint8_t* buffer, size_t delivered,
                       int skipped)
