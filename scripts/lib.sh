@@ -8,6 +8,12 @@ KOR_PACKAGES=(build-essential cmake pkg-config libcurl4-openssl-dev zlib1g-dev
   libgtest-dev googletest libbenchmark-dev nginx-light vsftpd e2fsprogs curl
   util-linux time clang libclang-rt-14-dev openssl)
 
+# A mirror in the middle of a sync can fail one index file while every
+# package needed is still there: go on, and let the install itself decide.
+kor_apt_update() {
+  apt-get update -qq >/dev/null 2>&1 || echo "note: apt-get update reported errors; trying anyway" >&2
+}
+
 # Installs what is missing (as root), or says the one command to run.
 kor_ensure_packages() {
   local missing=() p
@@ -18,7 +24,7 @@ kor_ensure_packages() {
   if [ "$(id -u)" -eq 0 ]; then
     echo "== Installing: ${missing[*]}"
     export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq >/dev/null
+    kor_apt_update
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
   else
     echo "Missing packages: ${missing[*]}" >&2
@@ -53,7 +59,7 @@ kor_armhf_arch() {
   fi
   echo "== Adding the armhf architecture to dpkg"
   dpkg --add-architecture armhf
-  apt-get update -qq >/dev/null
+  kor_apt_update
 }
 
 # Unpacks the armhf libraries into $KOR_ARMHF_SYSROOT unless it is complete
