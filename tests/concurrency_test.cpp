@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -97,7 +98,9 @@ TEST(Concurrency, LockTakenAsTheHolderLeavesStillExcludes)
     d.with_default_layout(64 << 10);
     const std::string held = d.workdir() + "/a.held", inside = d.workdir() + "/b.inside";
     RunOptions a;
+    const char* asan = std::getenv("ASAN_OPTIONS");  // the preload comes before ASan's runtime
     a.set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes))
+        .set("ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0")
         .set("KOR_UNLINK_DELAY_MS", "1000")
         .set("KOR_UNLINK_MARK", held);
     int pa = d.spawn_kor({"info"}, a);
