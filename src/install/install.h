@@ -60,6 +60,7 @@ void transfer_release(install_ctx* ctx);  // frees buffer and parser, cleans lib
 [[nodiscard]] int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source,
                                const char* scheme);
 void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* error_text);
+void curl_release(install_ctx* ctx);  // the easy handle and libcurl's globals
 size_t http_header_callback(char* data, size_t size, size_t count, void* ctx);
 size_t ftp_header_callback(char* data, size_t size, size_t count, void* ctx);
 int sockopt_callback(void* ctx, int socket, int purpose);

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <curl/curl.h>
 #include <sys/mman.h>
 
 #include "frontend/console.h"
@@ -108,9 +107,5 @@ void transfer_release(install_ctx* ctx)
     ctx->parser = nullptr;
     std::free(ctx->buffer);
     ctx->buffer = nullptr;
-    if (ctx->curl) {
-        curl_easy_cleanup(static_cast<CURL*>(ctx->curl));
-        curl_global_cleanup();
-    }
-    ctx->curl = nullptr;
+    curl_release(ctx);
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <sys/socket.h>
@@ -27,6 +28,48 @@ constexpr long LOW_SPEED_LIMIT_BPS = 100;
 constexpr long LOW_SPEED_TIME_S = 300;
 constexpr time_t SOCKET_TIMEOUT_S = 120;
 constexpr int PARSER_COMPLETE = 3;
+
+// libcurl and the libraries it pulls in (TLS, compression, name services)
+// take longer to load than most of kor's commands take to run, and only an
+// install by URL needs them: they are loaded on the first URL install.
+struct curl_api {
+    decltype(&curl_global_init) global_init;
+    decltype(&curl_global_cleanup) global_cleanup;
+    decltype(&curl_easy_init) easy_init;
+    decltype(&curl_easy_setopt) easy_setopt;
+    decltype(&curl_easy_perform) easy_perform;
+    decltype(&curl_easy_reset) easy_reset;
+    decltype(&curl_easy_cleanup) easy_cleanup;
+};
+curl_api api;
+
+template <typename F>
+bool bind(void* lib, F& fn, const char* name)
+{
+    fn = reinterpret_cast<F>(dlsym(lib, name));
+    return fn != nullptr;
+}
+
+[[nodiscard]] bool curl_load()
+{
+    if (api.easy_init != nullptr) return true;
+    void* lib = dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
+    if (lib == nullptr) lib = dlopen("libcurl.so", RTLD_NOW | RTLD_LOCAL);
+    curl_api a{};
+    if (lib != nullptr && bind(lib, a.global_init, "curl_global_init") &&
+        bind(lib, a.global_cleanup, "curl_global_cleanup") &&
+        bind(lib, a.easy_init, "curl_easy_init") &&
+        bind(lib, a.easy_setopt, "curl_easy_setopt") &&
+        bind(lib, a.easy_perform, "curl_easy_perform") &&
+        bind(lib, a.easy_reset, "curl_easy_reset") &&
+        bind(lib, a.easy_cleanup, "curl_easy_cleanup")) {
+        api = a;
+        return true;
+    }
+    const char* why = dlerror();
+    log_console(LOG_ERR, "install: could not load libcurl: %s\n", why ? why : "");
+    return false;
+}
 
 // libcurl's callback types differ from the receiver's and the socket
 // callback's declared types (char* vs void*, curlsocktype vs int); these
@@ -118,10 +161,11 @@ void check_content_range(install_ctx* ctx)
 
 [[nodiscard]] int curl_handle_setup(install_ctx* ctx)
 {
-    curl_global_init(CURL_GLOBAL_ALL);
-    ctx->curl = curl_easy_init();
+    if (!curl_load()) return 1;
+    api.global_init(CURL_GLOBAL_ALL);
+    ctx->curl = api.easy_init();
     if (ctx->curl == nullptr) {
-        curl_global_cleanup();
+        api.global_cleanup();
         log_console(LOG_ERR, "install: curl_easy_init failed\n");
         return 1;
     }
@@ -136,7 +180,7 @@ CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char*
 {
     CURL* curl = static_cast<CURL*>(ctx->curl);
     curl_setup(ctx, source, scheme, error_text);
-    CURLcode r = curl_easy_perform(curl);
+    CURLcode r = api.easy_perform(curl);
     while (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_SKIP) {
         // A skip of the last body completes the image: there is nothing
         // behind it to ask for, and a server would only answer 416.
@@ -145,12 +189,12 @@ CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char*
             r = CURLE_OK;
             break;
         }
-        curl_easy_reset(curl);
+        api.easy_reset(curl);
         curl_setup(ctx, source, scheme, error_text);
         clear_header_text(ctx);
-        r = curl_easy_perform(curl);
+        r = api.easy_perform(curl);
     }
-    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+    api.easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     return r;
 }
 
@@ -190,34 +234,42 @@ int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const cha
     return 0;
 }
 
+void curl_release(install_ctx* ctx)
+{
+    if (ctx->curl == nullptr) return;
+    api.easy_cleanup(static_cast<CURL*>(ctx->curl));
+    api.global_cleanup();
+    ctx->curl = nullptr;
+}
+
 void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* error_text)
 {
     KOR_ASSERT("kor", ctx != nullptr && url != nullptr);
     KOR_ASSERT("kor", scheme != nullptr && error_text != nullptr);
     CURL* curl = static_cast<CURL*>(ctx->curl);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, receive_fwd);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, ctx);
-    curl_easy_setopt(curl, CURLOPT_URL, url);
-    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
-    curl_easy_setopt(curl, CURLOPT_SOCKOPTDATA, ctx);
-    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, sockopt_fwd);
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, CONNECT_TIMEOUT_S);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, LOW_SPEED_LIMIT_BPS);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, LOW_SPEED_TIME_S);
+    api.easy_setopt(curl, CURLOPT_WRITEFUNCTION, receive_fwd);
+    api.easy_setopt(curl, CURLOPT_WRITEDATA, ctx);
+    api.easy_setopt(curl, CURLOPT_URL, url);
+    api.easy_setopt(curl, CURLOPT_ERRORBUFFER, error_text);
+    api.easy_setopt(curl, CURLOPT_SOCKOPTDATA, ctx);
+    api.easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, sockopt_fwd);
+    api.easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, CONNECT_TIMEOUT_S);
+    api.easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, LOW_SPEED_LIMIT_BPS);
+    api.easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, LOW_SPEED_TIME_S);
     if (strcmp(scheme, "http") == 0) {
-        curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, http_header_callback);
-        curl_easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
+        api.easy_setopt(curl, CURLOPT_HEADERFUNCTION, http_header_callback);
+        api.easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
     } else if (strcmp(scheme, "ftp") == 0) {
-        curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, ftp_header_callback);
-        curl_easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
+        api.easy_setopt(curl, CURLOPT_HEADERFUNCTION, ftp_header_callback);
+        api.easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
     }
-    if (ctx->range_mode != 0) curl_easy_setopt(curl, CURLOPT_RANGE, ctx->range);
+    if (ctx->range_mode != 0) api.easy_setopt(curl, CURLOPT_RANGE, ctx->range);
     // An error page is not an image: a server's 4xx/5xx answer ends the
     // transfer with libcurl's own text instead of reaching the parser.
-    curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
+    api.easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
     // Larger reads than libcurl's 16 KiB default: a quarter of the calls
     // into the receiver and the kernel for the same image.
-    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
+    api.easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
 }
 
 size_t http_header_callback(char* data, size_t size, size_t count, void* ctx)
