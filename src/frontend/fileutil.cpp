@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdint>
 #include <sys/stat.h>
-#include <zlib.h>
 
 namespace {
 
@@ -81,14 +80,3 @@ int32_t fnsize(const char* path)
     return static_cast<int32_t>(st.st_size);
 }
 
-void crc32_init() {}
-
-// zlib computes exactly this CRC (reflected 0xEDB88320, inverted before and
-// after, chained through the previous result) with a sliced table that is
-// several times faster than one look-up per byte.
-uint32_t crc32_calc(uint32_t crc, const void* buffer, uint32_t length)
-{
-    if (length == 0) return crc;
-    return static_cast<uint32_t>(
-        ::crc32(crc, static_cast<const Bytef*>(buffer), static_cast<uInt>(length)));
-}
