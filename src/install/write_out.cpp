@@ -1,5 +1,7 @@
 // The partition writer: writes each planned content part into its partition
 // in the element's write type, pushes it to the device and reads it back.
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <unistd.h>
@@ -10,6 +12,8 @@
 #include "install/install.h"
 
 namespace {
+
+constexpr size_t WRITE_PIECE = size_t{4} << 20;
 
 enum class piece : uint8_t { none, body, header, align };
 
@@ -66,11 +70,27 @@ bool write_piece(FILE* f, const char* device, const velk_content_header* cp, pie
                     static_cast<int>(r));
         return false;
     }
-    size_t r = std::fwrite(raw + cp->hdr_length, 1, cp->body_length, f);
-    if (r == cp->body_length) return true;
-    log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
-                static_cast<int>(r));
-    return false;
+    const uint8_t* body = raw + cp->hdr_length;
+    size_t done = 0;
+    while (done < cp->body_length) {
+        size_t n = cp->body_length - done < WRITE_PIECE ? cp->body_length - done : WRITE_PIECE;
+        size_t r = std::fwrite(body + done, 1, n, f);
+        done += r;
+        if (r != n) {
+            log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
+                        static_cast<int>(done));
+            return false;
+        }
+        if (std::fflush(f) != 0) {
+            log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
+                        -1);
+            return false;
+        }
+        // The device takes this piece while the next one is copied, so the
+        // final flush finds most of the body written already.
+        (void)::sync_file_range(fileno(f), 0, 0, SYNC_FILE_RANGE_WRITE);
+    }
+    return true;
 }
 
 // The data is only written once the device holds it: flush the stream,
