@@ -1,95 +1,72 @@
-// Servers for URL transfer tests, all on 127.0.0.1: nginx (http), vsftpd
-// (ftp) and a scripted HTTP server that answers with fixed bytes (faults).
-// Each keeps its config and logs in a directory of the test (created if
-// missing) and stops, with every process it forked, when destroyed.
-// Start them after a sandbox::Device exists, so that they run in the
-// sandbox's namespaces and kor reaches them.
+// URL installs in the sandbox: a release, the device it goes to and real servers
+// on 127.0.0.1. Start servers after the sandbox::Device: they run in its namespaces.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
-#include <functional>
-#include <mutex>
-#include <string>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <thread>
-#include <vector>
+
+#include "support/sandbox.h"
 
 namespace servers {
 
-// A server program on a free port, run in a process group of its own.
-class Daemon {
-public:
-    ~Daemon() { stop(); }
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
-    bool ok() const { return pid_ > 0; }                 // else it printed why to stderr
-    const std::string& error() const { return error_; }  // why it did not start
-    std::string url(const std::string& name) const;     // <scheme>://127.0.0.1:<port>/name
+using strings = std::vector<std::string>;
 
-protected:
-    Daemon(const std::string& dir, const char* scheme);
-    // Runs `argv_for(port)` (writes the config, returns the command) on a free port.
-    void start(const std::function<std::vector<std::string>(int port)>& argv_for);
-    std::string dir_;
-
-private:
-    void launch(const std::vector<std::string>& argv);
-    void stop();
-    const char* scheme_;
-    int port_ = 0, pid_ = 0;
-    std::string error_;
+// A release header, a KORM for set 1's KNLS, ROOTS and APPLS and their software
+// parts, with random bodies of `sizes` bytes (64 at least).
+struct Release {
+    explicit Release(const std::vector<size_t>& sizes);
+    std::string image;
+    std::vector<sandbox::bytes> bodies;
+    std::vector<size_t> ends;  // offset behind each body and its padding
 };
 
-struct Served {          // one request as nginx logged it
-    int status = 0;
-    uint64_t bytes = 0;  // body bytes handed to the kernel (64 KiB send buffer)
-    std::string range;   // Range request header ("" when none)
+// A device with the default layout and the release in `file`.
+struct World {
+    explicit World(const Release& r);
+    // kor install <source> 1 <args>: expects `status`, `error` in stderr and no
+    // password logged, then the bodies on set 1 or, after a refusal, no change.
+    sandbox::RunResult install(const std::string& source, int status = 0, const std::string& error = "",
+                               strings args = {});
+    std::vector<sandbox::bytes> state() const;  // set 1's KNLS, ROOTS, APPLS, then hostconfig
+    const Release& rel;
+    sandbox::Device dev;
+    const std::string www, file;
 };
 
-class Nginx : public Daemon {
-public:
-    // `server_conf`: more lines for the server block; `tls`: https with the
-    // ssl_certificate lines that `server_conf` then holds.
-    Nginx(const std::string& dir, const std::string& docroot, const std::string& server_conf = "",
-          bool tls = false);
-    std::vector<Served> log(size_t at_least = 0) const;  // once it holds `at_least` (bounded wait)
+struct Endpoint { std::string scheme; int port = 0; std::string url(const std::string& name) const; };
+
+// nginx ("http"; "https" with the certificate lines in `conf`, which its server
+// block gets) or anonymous vsftpd ("ftp") serving the world's www, with its files
+// in <workdir>/<scheme>, in a process group that is killed with it.
+struct Daemon : Endpoint {
+    struct Request { std::string range; uint64_t bytes; };  // Range header or "REST <offset>"; body bytes sent
+    Daemon(const World& w, const std::string& scheme, const std::string& conf = "");
+    ~Daemon() { if (pid > 0) kill(-pid, SIGKILL), waitpid(pid, nullptr, 0); }  // the group: its sessions too
+    std::vector<Request> log(size_t at_least) const;  // once it holds `at_least` (bounded wait)
+    const sandbox::Device& dev;
+    std::string dir, error;  // why it did not start
+    int pid = 0;             // 0: not running
 };
 
-struct FtpLog {
-    size_t downloads = 0;         // finished or aborted
-    std::vector<uint64_t> rests;  // REST offsets the clients sent, in order
-};
+size_t count(const std::string& text, const std::string& what);  // how often `what` occurs
 
-// Anonymous read-only ftp of `root` (which must not be writable by others).
-class Vsftpd : public Daemon {
-public:
-    Vsftpd(const std::string& dir, const std::string& root);
-    FtpLog log(size_t downloads = 0) const;  // once `downloads` are logged (bounded wait)
-};
+// "HTTP/1.1 <status>" announcing `length` bytes (npos: the body's), then the first `sent` bytes of `body`.
+std::string response(const std::string& status, const std::string& body, size_t length = std::string::npos,
+                     size_t sent = std::string::npos);
 
-// HTTP server in a thread of the test process: reads each request, answers
-// the i-th with responses[i] (the last one again for any further request:
-// status line, headers and body as sent, possibly cut short), keeps the
-// connection open for `stall_ms` more and closes it.
-class Scripted {
-public:
-    explicit Scripted(std::string response) : Scripted(std::vector<std::string>{response}) {}
-    explicit Scripted(std::vector<std::string> responses, int stall_ms = 0);
-    ~Scripted();
-    Scripted(const Scripted&) = delete;
-    Scripted& operator=(const Scripted&) = delete;
-    std::string url(const std::string& name) const;
-    std::vector<std::string> ranges() const;  // Range header of each request ("" when none)
-
-private:
+// HTTP server in a thread: answers request i with responses[i] (the last for any
+// further), keeps the connection `stall_ms` more, closes it.
+struct Scripted : Endpoint {
+    explicit Scripted(strings responses, int stall_ms = 0);
+    ~Scripted() { ranges(), close(fd); }
+    strings ranges();  // Range header of each request ("" when none); stops the server
     void serve();
-    std::vector<std::string> responses_;
-    int stall_ms_;
-    int listen_fd_ = -1, port_ = 0;
-    std::atomic<bool> stop_{false};
-    mutable std::mutex mutex_;
-    std::vector<std::string> ranges_;
-    std::thread thread_;
+    strings responses, requests;
+    int stall_ms, fd = -1;
+    std::thread thread;
 };
 
 }  // namespace servers
