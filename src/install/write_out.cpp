@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 #include "frontend/console.h"
@@ -12,8 +13,6 @@
 #include "install/install.h"
 
 namespace {
-
-constexpr size_t WRITE_PIECE = size_t{4} << 20;
 
 enum class piece : uint8_t { none, body, header, align };
 
@@ -51,55 +50,112 @@ void print_plan_line(const install_ctx* c, int i)
                 e->partinfo_idx, e->wts);
 }
 
-// Writes one piece; false after logging the failure.
-bool write_piece(FILE* f, const char* device, const velk_content_header* cp, piece p)
+// Partition data goes to the device with direct I/O, block-aligned pieces
+// copied through this buffer: it does not pass through (and push out) the
+// page cache, which on the device is a good share of its memory, and the
+// flush before the read-back has nothing left to do. The few bytes at the
+// unaligned edges of a piece go through the cache.
+constexpr uint64_t DIRECT_ALIGN = 4096;
+constexpr uint32_t BOUNCE_SIZE = uint32_t{1} << 20;
+alignas(DIRECT_ALIGN) uint8_t g_bounce[BOUNCE_SIZE];
+
+bool set_direct(int fd, bool on)
+{
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0) return false;
+    flags = on ? flags | O_DIRECT : flags & ~O_DIRECT;
+    return fcntl(fd, F_SETFL, flags) == 0;
+}
+
+// Bytes of [p, p + n) written at `at`; fewer when a write fails (errno set).
+uint64_t write_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
+{
+    uint64_t done = 0;
+    while (done < n) {
+        ssize_t r = ::pwrite(fd, p + done, n - done, static_cast<off_t>(at + done));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) {
+            if (r == 0) errno = ENOSPC;
+            break;
+        }
+        done += static_cast<uint64_t>(r);
+    }
+    return done;
+}
+
+// The aligned inside [from, to) of `n` bytes placed at `at`, written
+// directly. Bytes written; -1 when the device takes no direct writes, so
+// that the caller writes everything through the cache instead.
+int64_t write_direct(int fd, const uint8_t* p, uint64_t at, uint64_t from, uint64_t to)
+{
+    if (!set_direct(fd, true)) return -1;
+    uint64_t pos = from;
+    while (pos < to) {
+        uint32_t n = to - pos < BOUNCE_SIZE ? static_cast<uint32_t>(to - pos) : BOUNCE_SIZE;
+        std::memcpy(g_bounce, p + (pos - at), n);
+        uint64_t r = write_at(fd, g_bounce, n, pos);
+        if (r == n) {
+            pos += n;
+            continue;
+        }
+        int e = errno;
+        bool refused = pos == from && r == 0 && e == EINVAL;
+        (void)set_direct(fd, false);
+        errno = e;
+        return refused ? -1 : static_cast<int64_t>(pos + r - from);
+    }
+    return set_direct(fd, false) ? static_cast<int64_t>(to - from) : -1;
+}
+
+// Writes n bytes at `at`; the bytes written, fewer on failure (errno set).
+uint64_t write_piece_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
+{
+    uint64_t from = (at + DIRECT_ALIGN - 1) / DIRECT_ALIGN * DIRECT_ALIGN;
+    uint64_t to = (at + n) / DIRECT_ALIGN * DIRECT_ALIGN;
+    if (from >= to) return write_at(fd, p, n, at);
+    int64_t inside = write_direct(fd, p, at, from, to);
+    if (inside < 0) return write_at(fd, p, n, at);
+    if (static_cast<uint64_t>(inside) < to - from) return static_cast<uint64_t>(inside);
+    uint64_t head = write_at(fd, p, from - at, at);
+    if (head < from - at) return head;
+    uint64_t tail = write_at(fd, p + (to - at), at + n - to, to);
+    return n - (at + n - to) + tail;
+}
+
+// Lays the part out as its write type says, piece after piece.
+bool write_pieces(int fd, const char* device, const velk_content_header* cp,
+                  const write_type& t)
 {
     const uint8_t* raw = reinterpret_cast<const uint8_t*>(cp);
-    if (p == piece::align) {
-        uint32_t rest = cp->body_length % 4;
-        if (rest == 0) return true;
-        int r = std::fseek(f, static_cast<long>(4 - rest), SEEK_CUR);
-        if (r == 0) return true;
-        log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i<n", device, errno, r);
-        return false;
-    }
-    if (p == piece::header) {
-        size_t r = std::fwrite(raw, 1, cp->hdr_length, f);
-        if (r == cp->hdr_length) return true;
-        log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i<n", device, errno,
-                    static_cast<int>(r));
-        return false;
-    }
-    const uint8_t* body = raw + cp->hdr_length;
-    size_t done = 0;
-    while (done < cp->body_length) {
-        size_t n = cp->body_length - done < WRITE_PIECE ? cp->body_length - done : WRITE_PIECE;
-        size_t r = std::fwrite(body + done, 1, n, f);
-        done += r;
+    uint64_t at = 0;
+    for (piece p : t.steps) {
+        if (p == piece::none) continue;
+        if (p == piece::align) {
+            at += cp->body_length % 4 ? 4 - cp->body_length % 4 : 0;
+            continue;
+        }
+        bool body = p == piece::body;
+        const uint8_t* data = body ? raw + cp->hdr_length : raw;
+        uint32_t n = body ? cp->body_length : cp->hdr_length;
+        uint64_t r = write_piece_at(fd, data, n, at);
         if (r != n) {
-            log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
-                        static_cast<int>(done));
+            log_console(LOG_ERR,
+                        body ? "Could not fwrite to %s, errno=%i result=%i\n"
+                             : "Could not fwrite to %s, errno=%i result=%i<n",
+                        device, errno, static_cast<int>(r));
             return false;
         }
-        if (std::fflush(f) != 0) {
-            log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
-                        -1);
-            return false;
-        }
-        // The device takes this piece while the next one is copied, so the
-        // final flush finds most of the body written already.
-        (void)::sync_file_range(fileno(f), 0, 0, SYNC_FILE_RANGE_WRITE);
+        at += n;
     }
     return true;
 }
 
-// The data is only written once the device holds it: flush the stream,
-// fsync the descriptor and check the close.
-bool flush_and_close(unique_file& f, const char* device)
+// The data is only written once the device holds it: flush the descriptor
+// (the device's own cache too) and check the close.
+bool flush_and_close(unique_fd& fd, const char* device)
 {
-    int r = std::fflush(f.get());
-    if (r == 0) r = ::fsync(fileno(f.get()));
-    int c = f.reset();
+    int r = ::fsync(fd.get());
+    int c = fd.reset();
     if (r == 0 && c == 0) return true;
     log_console(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno, -1);
     return false;
@@ -107,8 +163,9 @@ bool flush_and_close(unique_file& f, const char* device)
 
 bool write_device(const char* device, const velk_content_header* cp, uint8_t wts)
 {
-    unique_file f(std::fopen(device, "w"));
-    if (!f) {
+    // Opened as for a stream in mode "w".
+    unique_fd fd(::open(device, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!fd.valid()) {
         log_console(LOG_ERR, "Could not open %s for write\n", device);
         return false;
     }
@@ -117,9 +174,7 @@ bool write_device(const char* device, const velk_content_header* cp, uint8_t wts
         log_console(LOG_ERR, "Unknown WTS, skip\n");
         return false;
     }
-    for (piece p : t->steps)
-        if (p != piece::none && !write_piece(f.get(), device, cp, p)) return false;
-    return flush_and_close(f, device);
+    return write_pieces(fd.get(), device, cp, *t) && flush_and_close(fd, device);
 }
 
 // Reads the partition back; a partition whose recorded CRC is unknown
