@@ -6,9 +6,7 @@
 
 #include <fstream>
 #include <iterator>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "frontend/console.h"
 #include "frontend/options.h"
@@ -27,7 +25,7 @@ const std::string kP3 = "/dev/mmcblk0p3", kP4 = "/dev/mmcblk0p4";
 std::string golden(const char* name)
 {
     std::ifstream in(std::string(KOR_SOURCE_DIR) + "/tests/golden/" + name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A VELK file of data parts, made by mkvelk: images kor would not make, and what kor should.
@@ -45,7 +43,7 @@ std::string stored(const sandbox::Device& dev, const std::string& path, hcdec::I
 {
     hcdec::Image img;
     if (!hcdec::decode_image(dev.read(path, 0, HOSTCONFIG_MAX), &img)) return "none ";
-    std::string s = img.ident_ok && img.crcs_ok ? "" : "!";
+    std::string s = img.crcs_ok ? "" : "!";
     for (const auto& p : img.parts)
         s += p.name + (p.name == "KOR data" && !p.body.empty() ? "(" + std::to_string(p.body[0]) + ")" : "") +
              (p.crcs_ok && p.type_id == 3 ? " " : "! ");
@@ -107,8 +105,7 @@ TEST(HostconfigFiles, SavedImageIsTheVelkFileLoadedBackOrRefused)
     parts_t many;
     for (int i = 0; i < 21; i++) many.push_back({"P" + std::to_string(i), bytes(4, uint8_t(i))});
     bytes damaged = good, big = good;
-    damaged[24 + 32 + 40 + 100] ^= 1;
-    big.resize(5121);
+    damaged[24 + 32 + 40 + 100] ^= 1, big.resize(5121);
     const std::pair<bytes, int> loads[] = {  // damaged, 5121 bytes, no content part, 20 and 21 parts
         {damaged, -1}, {big, -1}, {bytes(24, 0), -1}, {image_of(parts_t(many.begin(), many.end() - 1)), 1},
         {image_of(many), -1}, {image_of({{"KOR data", bytes(3239, 1)}}), 1}};

@@ -2,86 +2,60 @@
 
 #include <zlib.h>
 
+#include <sstream>
+
 namespace hcdec {
-namespace {
 
 using bytes = std::vector<uint8_t>;
 
-uint32_t u16(const bytes& b, size_t at) { return b.at(at) | b.at(at + 1) << 8; }
-uint32_t u32(const bytes& b, size_t at) { return u16(b, at) | u16(b, at + 2) << 16; }
-uint32_t crc(const bytes& b, size_t at, size_t n) { return uint32_t(::crc32(0, b.data() + at, uInt(n))); }
+static uint32_t le(const bytes& b, size_t at, size_t n) { return n ? b.at(at) | le(b, at + 1, n - 1) << 8 : 0; }
+static uint32_t crc(const bytes& b, size_t at, size_t n) { return uint32_t(::crc32(0, b.data() + at, uInt(n))); }
 
-std::string text(const bytes& b, size_t at, size_t width)
+// `count` records of `size` bytes at `base`; fields "name offset width+kind" (u/s integer, t text, r references).
+struct Record { const char* name; size_t base, size, count; const char* fields; };
+const Record kRecords[] = {
+    {"set", 1, 38, 3, "bootable 0 1u name 1 15t refs 16 22r"},
+    {"partinfo", 116, 72, 22, "poolname 0 16t pn 16 1u offset 20 4u size 24 4u mountpnt 28 32t fstype 60 10t"},
+    {"rhdr", 1700, 44, 3, "major 0 1u minor 1 1u build 2 2u date 4 4s id 8 36t"},
+    {"pinfometa", 1832, 64, 22, "hdr_crc 0 4u type_id 4 2u hdr_length 6 2u body_length 8 4u name 12 16t body_crc 28 4u "
+                                "sw_major 32 1u sw_minor 33 1u sw_build 34 2u sw_build_id 36 28t"},
+};
+
+// Texts up to the first NUL, references up to the first -1; "" for zero and for 22 zero references.
+static std::string value(const bytes& b, size_t at, size_t width, char kind)
 {
     std::string s;
-    for (size_t i = 0; i < width && b.at(at + i) != 0; i++) s += char(b[at + i]);
-    return s;
+    for (size_t i = 0; kind == 't' && i < width && b.at(at + i) != 0; i++) s += char(b[at + i]);
+    for (size_t i = 0; kind == 'r' && i < width && b.at(at + i) != 0xFF; i++)
+        s += (i ? "," : "") + std::to_string(b[at + i]);
+    const uint32_t v = le(b, at, width < 4 ? width : 4);
+    if (kind == 'u' || kind == 's') s = v == 0 ? "" : kind == 's' ? std::to_string(int32_t(v)) : std::to_string(v);
+    return kind == 'r' && s.size() == 43 && s.find_first_not_of("0,") == s.npos ? "" : s;
 }
-
-// One stored field: offset within its record, width, kind (u/s integer, t text, r references).
-struct Field { const char* name; size_t at, width; char kind; };
-
-const Field kSet[] = {{"bootable", 0, 1, 'u'}, {"name", 1, 15, 't'}, {"refs", 16, 22, 'r'}};
-const Field kInfo[] = {{"poolname", 0, 16, 't'}, {"pn", 16, 1, 'u'}, {"offset", 20, 4, 'u'},
-                       {"size", 24, 4, 'u'}, {"mountpnt", 28, 32, 't'}, {"fstype", 60, 10, 't'}};
-const Field kRhdr[] = {{"major", 0, 1, 'u'}, {"minor", 1, 1, 'u'}, {"build", 2, 2, 'u'}, {"date", 4, 4, 's'},
-                       {"id", 8, 36, 't'}};
-const Field kMeta[] = {{"hdr_crc", 0, 4, 'u'}, {"type_id", 4, 2, 'u'}, {"hdr_length", 6, 2, 'u'}, {"body_length", 8, 4, 'u'},
-                       {"name", 12, 16, 't'}, {"body_crc", 28, 4, 'u'}, {"sw_major", 32, 1, 'u'}, {"sw_minor", 33, 1, 'u'},
-                       {"sw_build", 34, 2, 'u'}, {"sw_build_id", 36, 28, 't'}};
-
-std::string value(const bytes& b, size_t at, const Field& f)
-{
-    if (f.kind == 't') return text(b, at, f.width);
-    std::string s;  // a reference list up to its first -1 (0xFF); all zero reads as empty
-    for (size_t r = 0; f.kind == 'r' && r < 22 && b.at(at + r) != 0xFF; r++)
-        s += (r ? "," : "") + std::to_string(b[at + r]);
-    if (f.kind == 'r') return s.find_first_not_of("0,") == std::string::npos && s.size() == 43 ? "" : s;
-    uint32_t v = f.width == 1 ? b.at(at) : f.width == 2 ? u16(b, at) : u32(b, at);
-    return f.kind == 's' ? std::to_string(int32_t(v)) : std::to_string(v);
-}
-
-template <size_t N>
-void records(const bytes& b, const char* what, size_t base, size_t size, size_t count, const Field (&fields)[N],
-             std::string* out)
-{
-    for (size_t i = 0; i < count; i++)
-        for (const Field& f : fields) {
-            std::string v = value(b, base + size * i + f.at, f);
-            if (v != "0" && !v.empty())
-                *out += std::string(what) + "[" + std::to_string(i) + "]." + f.name + "=" + v + "\n";
-        }
-}
-
-}  // namespace
 
 bool decode_image(const bytes& b, Image* out)
 {
-    const uint32_t end = b.size() < 24 ? 0 : 24 + u32(b, 16);
-    if (end == 0 || u16(b, 14) != 16 || end > b.size()) return false;
-    out->ident_ok = u32(b, 0) == 0x56454C4B && u32(b, 4) == 0x4B4C4556;
-    out->crcs_ok = b[12] == 1 && crc(b, 12, 12) == u32(b, 8) && crc(b, 24, end - 24) == u32(b, 20);
-    out->parts.clear();
-    for (uint32_t at = 24; at + 32 <= end;) {
-        Part p{uint16_t(u16(b, at + 4)), uint16_t(u16(b, at + 6)), u32(b, at + 8), text(b, at + 12, 16), {}, false};
-        if (p.hdr_length < 32 || at + p.hdr_length + p.body_length > end) return false;
-        p.body.assign(b.begin() + at + p.hdr_length, b.begin() + at + p.hdr_length + p.body_length);
-        p.crcs_ok = crc(b, at + 4, p.hdr_length - 4u) == u32(b, at) &&
-                    crc(b, at + p.hdr_length, p.body_length) == u32(b, at + 28);
-        out->parts.push_back(p);
-        at += p.hdr_length + ((p.body_length + 3u) & ~3u);
+    const uint32_t end = b.size() < 24 ? ~0u : 24 + le(b, 16, 4);
+    if (end > b.size() || le(b, 14, 2) != 16) return false;
+    *out = {le(b, 0, 4) == 0x56454C4B && le(b, 4, 4) == 0x4B4C4556 && b[12] == 1 && crc(b, 12, 12) == le(b, 8, 4) &&
+                crc(b, 24, end - 24) == le(b, 20, 4), {}};
+    for (uint32_t at = 24, hdr, len; at + 32 <= end; at += hdr + ((len + 3u) & ~3u)) {
+        if ((hdr = le(b, at + 6, 2)) < 32 || at + hdr + (len = le(b, at + 8, 4)) > end) return false;
+        const uint8_t* body = b.data() + at + hdr;
+        out->parts.push_back({uint16_t(le(b, at + 4, 2)), value(b, at + 12, 16, 't'), bytes(body, body + len),
+                              crc(b, at + 4, hdr - 4u) == le(b, at, 4) && crc(b, at + hdr, len) == le(b, at + 28, 4)});
     }
     return true;
 }
 
 std::string decode_kor_data(const bytes& b)
 {
-    if (b.size() < 3240) return "";
-    std::string out = "actset=" + std::to_string(b[0]) + "\n";
-    records(b, "set", 1, 38, 3, kSet, &out);
-    records(b, "partinfo", 116, 72, 22, kInfo, &out);
-    records(b, "rhdr", 1700, 44, 3, kRhdr, &out);
-    records(b, "pinfometa", 1832, 64, 22, kMeta, &out);
+    std::string out = b.size() < 3240 ? "" : "actset=" + std::to_string(b[0]) + "\n", name, v;
+    for (const Record& r : kRecords)
+        for (size_t i = 0, at, width; i < r.count && !out.empty(); i++)
+            for (std::istringstream in(r.fields); in >> name >> at >> width;)
+                if (!(v = value(b, r.base + r.size * i + at, width, char(in.get()))).empty())
+                    out += std::string(r.name) + "[" + std::to_string(i) + "]." + name + "=" + v + "\n";
     return out;
 }
 

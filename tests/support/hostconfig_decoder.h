@@ -8,23 +8,12 @@
 
 namespace hcdec {
 
-struct Part {
-    uint16_t type_id, hdr_length;
-    uint32_t body_length;
-    std::string name;
-    std::vector<uint8_t> body;
-    bool crcs_ok;  // header and body CRC
-};
-struct Image {
-    bool ident_ok, crcs_ok;  // identification words; file header and body CRC
-    std::vector<Part> parts;
-};
+struct Part { uint16_t type_id; std::string name; std::vector<uint8_t> body; bool crcs_ok; /* header and body */ };
+struct Image { bool crcs_ok; /* identification words, file header and body */ std::vector<Part> parts; };
 
-// False when the bytes cannot hold what the headers say.
-bool decode_image(const std::vector<uint8_t>& b, Image* out);
+bool decode_image(const std::vector<uint8_t>& b, Image* out);  // false when the bytes cannot hold what headers say
 
-// The fields of the 3240-byte body that are not zero or empty, one per line as "name=value" in stored
-// order (numbers in decimal, texts up to their first NUL); empty when the body is shorter.
+// The non-zero fields of the 3240-byte body as "name=value" lines in stored order; "" when it is shorter.
 std::string decode_kor_data(const std::vector<uint8_t>& body);
 
 }  // namespace hcdec
