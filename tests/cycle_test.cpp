@@ -82,11 +82,9 @@ TEST(Cycle, ActivateAndUpgrade)
         cases[] = {
         {"", "activate 1", 1, "", "0.1.3", set1}, {"", "activate SET1", 1, "", "0.1.3", set1},
         {"", "activate 0x1", 1, "", "0.1.3", set1}, {"", "-dryrun activate 1", 1, "", "0.1.3", "0.1.3 " + h + "1\n"},
-        {"", "-f activate 2", 0, "", "0.1.3", "2.1.0 " + h + "2\n"},
-        {"", "-f activate 0", 0, "", "0.1.3", "0.1.3 " + h + "0\n"},
-        {"", "activate 3", 1, "", "0.1.3", id + "3\n"}, {"", "activate FOO", 1, "", "0.1.3", id + "FOO\n"},
-        {"", "activate", 1, "", "0.1.3", id + "(none)\n"},
-        {"", "activate 2", 0, "", "0.1.3", set + "2 validation err=1\n"},
+        {"", "-f activate 2", 0, "", "0.1.3", "2.1.0 " + h + "2\n"}, {"", "activate 3", 1, "", "0.1.3", id + "3\n"},
+        {"", "-f activate 0", 0, "", "0.1.3", "0.1.3 " + h + "0\n"}, {"", "activate", 1, "", "0.1.3", id + "(none)\n"},
+        {"", "activate FOO", 1, "", "0.1.3", id + "FOO\n"}, {"", "activate 2", 0, "", "0.1.3", set + "2 validation err=1\n"},
         {"", "activate 1", -1, "", "0.1.3", set + "1 validation err=1\n"},
         {"", "activate 1", 2, "", "0.1.3", set + "1 validation err=4\n"},
         {"", "activate 1", 3, "", "0.1.3", set + "1 validation err=2\n"},
@@ -187,7 +185,7 @@ bytes flash(std::vector<std::pair<size_t, bytes>> placed)
     return f;
 }
 
-TEST(Cycle, RebuildMeta)
+TEST(Cycle, Rebuild)
 {
     KOR_SANDBOX_OR_SKIP();
     const char* knl = "KNL-SAFE";
@@ -212,12 +210,7 @@ TEST(Cycle, RebuildMeta)
         bytes want = c.version >= 0 ? header(static_cast<uint8_t>(c.version)) : bytes(64, 0);
         EXPECT_EQ(0, std::memcmp(&m.pinfometa[7], want.data(), 64));
     }
-}
-
-// Starts from the stored default file, else from the defaults; missing mtd devices are reported.
-TEST(Cycle, RebuildHostcfg)
-{
-    KOR_SANDBOX_OR_SKIP();
+    // The whole rebuild starts from the stored default file, else from the defaults; missing mtd devices are reported.
     Fixture f;
     f.dev.add_block_device("/dev/mtd7", flash({{1026, header(1)}}));
     f.m.actset = 2;
