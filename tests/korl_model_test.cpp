@@ -1,6 +1,7 @@
 // The metadata model: pools, set lookups and partition entry operations.
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 
 #include "frontend/console.h"
@@ -22,29 +23,27 @@ TEST(KorlPools, Generate)
     KOR_SANDBOX_OR_SKIP();  // the left-out member is reported to syslog
     std::vector<std::string> many, full(KORL_PARTINFOS, "ALL16CHARSPOOLNM");
     for (int i = 0; i < 21; i++) many.push_back("P" + std::to_string(i));
-    struct Row { std::vector<std::string> pools; int count; std::vector<std::pair<const char*, const char*>> q; };
-    const Row rows[] = {  // q: pool, "count: members"
-        {{"", "", "", "A", "", "B", "", "A", "", "A"}, 2, {{"A", "3: 3 7 9"}, {"B", "1: 5"}, {"C", "-1:"}, {"", "0:"}}},
-        {many, 20, {{"P19", "1: 19"}, {"P20", "-1:"}, {"", "-1:"}}},  // 21st name: no slot
-        {full, 1, {{"ALL16CHARSPOOLNM", "21: 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20"},
-                   {"ALL16CHARSPOOLNMX", "-1:"}}}};  // 22nd member left out; longer name no match
+    const struct { std::vector<std::string> pools; std::vector<const char*> q; const char* want; } rows[] = {  // pool count, "n: members"
+        {{"", "", "", "A", "", "B", "", "A", "", "A"}, {"A", "B", "C", ""}, "2 3: 3 7 9 1: 5 -1: 0:"},
+        {many, {"P19", "P20", ""}, "20 1: 19 -1: -1:"},  // the 21st name finds no slot
+        {full, {"ALL16CHARSPOOLNM", "ALL16CHARSPOOLNMX"}, "1 21: 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 -1:"}};  // 22nd left out
     sandbox::Device dev;
     openlog("KOR", LOG_NDELAY, LOG_USER);
-    for (const Row& r : rows) {
+    for (const auto& r : rows) {
         korl_data d = record(r.pools);
-        EXPECT_EQ(korl_partpool_count(&d) + korl_partpool_items_count(&d, r.pools.back().c_str()), -2);
+        EXPECT_EQ(korl_partpool_count(&d) + korl_partpool_items_count(&d, r.pools.back().c_str()), -2);  // not generated yet
         korl_partpool_generate(&d);
-        EXPECT_EQ(korl_partpool_count(&d), r.count);
-        for (const auto& [pool, want] : r.q) {
+        std::string got = std::to_string(korl_partpool_count(&d));
+        for (const char* pool : r.q) {
             int8_t it[KORL_REFS];
-            std::string s = std::to_string(korl_partpool_items(&d, pool, it)) + ":";
-            for (int i = 0; i < std::stoi(s); i++) s += " " + std::to_string(it[i]);
-            EXPECT_EQ(s, want) << pool;
+            const int n = korl_partpool_items(&d, pool, it);
+            got += " " + std::to_string(n) + ":";
+            for (int i = 0; i < n; i++) got += " " + std::to_string(it[i]);
         }
+        EXPECT_EQ(got, r.want);
     }
     auto log = dev.take_log();  // on a terminal it goes to stderr instead
-    EXPECT_EQ(log.size() == 1 ? log[0].text : "",
-              isatty(1) ? "" : "korl: pool ALL16CHARSPOOLNM is full; partition entry 21 is in no pool\n");
+    EXPECT_EQ(log.size() == 1 ? log[0].text : "", isatty(1) ? "" : "korl: pool ALL16CHARSPOOLNM is full; partition entry 21 is in no pool\n");
 }
 
 TEST(KorlSets, LookupsOwnershipAndMetaInvalid)
@@ -52,17 +51,16 @@ TEST(KorlSets, LookupsOwnershipAndMetaInvalid)
     korl_data d = record({"", "", "", "", "", "", "", "", "", "", "", "", "", "ROOTS"});
     partset_init(&d, 2, "ABCDEFGHIJKLMNOPQ");  // kept: 15 characters, no NUL
     const struct { const char* arg; int parsed, by_name; } sets[] = {  // parse_setidx_arg, korl_getsetidx
-        {"1", 1, -1}, {"SET1", 1, 1}, {"0x1", 1, -1}, {"3", -1, -1}, {"2x", 2, -1}, {"-1", -1, -1},
-        {"SAFESET", 0, 0}, {"", -1, -2}, {"02", 2, -1}, {"010", -1, -1}, {"set1", -1, -1}, {"NOPE", -1, -1},
-        {"99999999999999999999", -1, -1}, {"ABCDEFGHIJKLMNO", 2, 2}, {"ABCDEFGHIJKLMNOZZ", 2, 2},
-        {"ABCDEFGHIJKLMN", -1, -1}};
+        {"1", 1, -1}, {"SET1", 1, 1}, {"0x1", 1, -1}, {"3", -1, -1}, {"2x", 2, -1}, {"-1", -1, -1}, {"SAFESET", 0, 0}, {"", -1, -2},
+        {"02", 2, -1}, {"010", -1, -1}, {"set1", -1, -1}, {"NOPE", -1, -1}, {"99999999999999999999", -1, -1}, {"ABCDEFGHIJKLMNO", 2, 2},
+        {"ABCDEFGHIJKLMNOZZ", 2, 2}, {"ABCDEFGHIJKLMN", -1, -1}};
     for (const auto& r : sets)
         EXPECT_EQ(std::pair(parse_setidx_arg(&d, r.arg), korl_getsetidx(&d, r.arg)), std::pair(r.parsed, r.by_name)) << r.arg;
     EXPECT_EQ(parse_setidx_arg(&d, nullptr), -1);
     std::memcpy(d.partset[1].refs, "\x0d\x0e\xff\x0f", 4);  // SET1: 13 14 end 15
     d.partset[2].refs[0] = 15;
-    const int owned[][3] = {{13, 1, 0}, {13, 0, 1}, {15, 1, 1}, {15, 2, 1}, {16, 0, 0}, {-1, 0, 0}, {22, 0, 0}};
-    for (const auto& r : owned) EXPECT_EQ(korl_partinfo_owned_by_set(&d, r[0], r[1]), r[2]) << r[0] << "/" << r[1];
+    for (const auto& r : {std::array{13, 1, 0}, {13, 0, 1}, {15, 1, 1}, {15, 2, 1}, {16, 0, 0}, {-1, 0, 0}, {22, 0, 0}})  // idx, set, owned
+        EXPECT_EQ(korl_partinfo_owned_by_set(&d, r[0], r[1]), r[2]) << r[0] << "/" << r[1];
     korl_data before = d;  // marking keeps placement and clears the rest of the entry
     kor_field_copy(d.partinfo[13].mountpnt, 32, "/mnt/root"), kor_field_copy(d.partinfo[13].fstype, 10, "ext4");
     std::memset(&d.pinfometa[13], 0x5A, sizeof d.pinfometa[13]);
