@@ -1,11 +1,6 @@
 // The private simulated device used by the tests.
 #include "support/sandbox.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <poll.h>
@@ -18,20 +13,25 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace sandbox {
 namespace {
 
-constexpr const char* kStage = "/run/kor";
-constexpr const char* kWork = "/run/kor/work";
-constexpr const char* kPrivate = "/dev/.sandbox";
-
+const std::string kWork = "/run/kor/work", kPrivate = "/dev/.sandbox";
+// The build and source trees, bound below /run/kor so that they stay
+// reachable when they live under a directory the sandbox covers.
+const std::pair<std::string, std::string> kTrees[] = {{KOR_BUILD_DIR, "/run/kor/build"},
+                                                      {KOR_SOURCE_DIR, "/run/kor/src"}};
 int g_loop_control = -1;
 bool g_entered = false;
 std::string g_why;
@@ -42,67 +42,19 @@ std::string g_why;
     std::abort();
 }
 
-void check(int r, const std::string& what)
-{
-    if (r != 0) die(what);
-}
+void check(int r, const std::string& what) { if (r != 0) die(what); }
 
 void mkdirs(const std::string& path)
 {
-    std::string cur;
-    std::stringstream ss(path);
-    std::string part;
-    while (std::getline(ss, part, '/')) {
-        if (part.empty()) continue;
-        cur += "/" + part;
+    for (size_t at = 0; !path.empty() && at != std::string::npos;) {
+        std::string cur = path.substr(0, at = path.find('/', at + 1));
         if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) die("mkdir " + cur);
     }
 }
 
-void mount_tmpfs(const char* where, const char* mode)
+void mount_tmpfs(const std::string& at, const std::string& mode)
 {
-    std::string opts = std::string("mode=") + mode;
-    check(mount("tmpfs", where, "tmpfs", 0, opts.c_str()), std::string("mount tmpfs ") + where);
-}
-
-// Moves the process into a private mount namespace once. The build and
-// source trees are bound below /run/kor first, so they stay reachable even
-// when they live under a directory the sandbox covers.
-bool enter()
-{
-    if (g_entered) return true;
-    if (!g_why.empty()) return false;
-    if (geteuid() != 0) {
-        g_why = "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
-        return false;
-    }
-    g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-    if (g_loop_control < 0) {
-        g_why = std::string("cannot open /dev/loop-control: ") + std::strerror(errno);
-        return false;
-    }
-    if (unshare(CLONE_NEWNS) != 0) {
-        g_why = std::string("unshare(CLONE_NEWNS) failed: ") + std::strerror(errno);
-        return false;
-    }
-    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "make / private");
-    mount_tmpfs("/run", "755");
-    mkdirs(std::string(kStage) + "/build");
-    mkdirs(std::string(kStage) + "/src");
-    mkdirs(kWork);
-    check(mount(KOR_BUILD_DIR, "/run/kor/build", nullptr, MS_BIND, nullptr), "bind build dir");
-    check(mount(KOR_SOURCE_DIR, "/run/kor/src", nullptr, MS_BIND, nullptr), "bind source dir");
-    g_entered = true;
-    return true;
-}
-
-std::string map_host_path(const std::string& p)
-{
-    const std::string build = KOR_BUILD_DIR;
-    const std::string src = KOR_SOURCE_DIR;
-    if (p.compare(0, build.size(), build) == 0) return "/run/kor/build" + p.substr(build.size());
-    if (p.compare(0, src.size(), src) == 0) return "/run/kor/src" + p.substr(src.size());
-    return p;
+    check(mount("tmpfs", at.c_str(), "tmpfs", 0, ("mode=" + mode).c_str()), "mount tmpfs " + at);
 }
 
 void make_node(const std::string& path, mode_t mode, dev_t dev)
@@ -111,97 +63,85 @@ void make_node(const std::string& path, mode_t mode, dev_t dev)
     check(mknod(path.c_str(), mode, dev), "mknod " + path);
 }
 
-std::vector<LogLine> parse_datagrams(int fd)
+// Moves the process into a private mount namespace, once.
+bool enter()
 {
-    std::vector<LogLine> lines;
+    if (g_entered || !g_why.empty()) return g_entered;
+    if (geteuid() != 0)
+        g_why = "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
+    else if ((g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC)) < 0)
+        g_why = std::string("cannot open /dev/loop-control: ") + std::strerror(errno);
+    else if (unshare(CLONE_NEWNS) != 0)
+        g_why = std::string("unshare(CLONE_NEWNS) failed: ") + std::strerror(errno);
+    if (!g_why.empty()) return false;
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "make / private");
+    mount_tmpfs("/run", "755");
+    mkdirs(kWork);
+    for (const auto& [host, at] : kTrees) {
+        mkdirs(at);
+        check(mount(host.c_str(), at.c_str(), nullptr, MS_BIND, nullptr), "bind " + host);
+    }
+    return g_entered = true;
+}
+
+std::string map_host_path(const std::string& p)
+{
+    for (const auto& [host, at] : kTrees)
+        if (p.compare(0, host.size(), host) == 0) return at + p.substr(host.size());
+    return p;
+}
+
+// Appends the "<PRI>timestamp KOR: text" datagrams waiting on the socket.
+std::vector<LogLine> take_datagrams(int fd, std::vector<LogLine> lines = {})
+{
     char buf[4096];
-    for (;;) {
-        ssize_t n = recv(fd, buf, sizeof buf - 1, MSG_DONTWAIT);
-        if (n <= 0) break;
-        std::string d(buf, static_cast<size_t>(n));
-        LogLine l{-1, d};
-        if (d.size() > 2 && d[0] == '<') {
-            l.priority = std::atoi(d.c_str() + 1) & 7;
-            size_t k = d.find("KOR: ");
-            l.text = k == std::string::npos ? d.substr(d.find('>') + 1) : d.substr(k + 5);
-        }
-        lines.push_back(l);
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
+        std::string d(buf, size_t(n));
+        size_t k = d.find("KOR: ");
+        if (d.size() < 3 || d[0] != '<') lines.push_back({-1, d});
+        else lines.push_back({std::atoi(&d[1]) & 7, d.substr(k == std::string::npos ? d.find('>') + 1 : k + 5)});
     }
     return lines;
 }
 
-int64_t now_ms()
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-// Binds `file` to the loop device, detached automatically on last close.
-// qemu-user does not know LOOP_CONFIGURE: fall back to the two older calls.
+// Binds `file` to the loop device, detached on last close. qemu-user does
+// not know LOOP_CONFIGURE: then the two older calls.
 bool attach_loop(int loop, int file)
 {
     loop_config cfg{};
-    cfg.fd = static_cast<uint32_t>(file);
+    cfg.fd = uint32_t(file);
     cfg.info.lo_flags = LO_FLAGS_AUTOCLEAR;
     if (ioctl(loop, LOOP_CONFIGURE, &cfg) == 0) return true;
-    if (errno != ENOTTY && errno != EINVAL && errno != ENOSYS) return false;
-    if (ioctl(loop, LOOP_SET_FD, file) != 0) return false;
-    loop_info64 info{};
-    info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    if (ioctl(loop, LOOP_SET_STATUS64, &info) == 0) return true;
+    if ((errno != ENOTTY && errno != EINVAL && errno != ENOSYS) || ioctl(loop, LOOP_SET_FD, file) != 0) return false;
+    if (ioctl(loop, LOOP_SET_STATUS64, &cfg.info) == 0) return true;
     ioctl(loop, LOOP_CLR_FD, 0);
     return false;
 }
 
-// The words of KOR_TEST_EMULATOR ("qemu-arm -L /sysroot"): the command that
-// runs the built binaries of a cross build. Empty for a native build.
-std::vector<std::string> emulator()
+// argv behind KOR_TEST_EMULATOR ("qemu-arm -L /sysroot") when argv[0] is an
+// ELF built for the machine of this test (ours in a cross build, not a host
+// tool). LD_PRELOAD is meant for the emulated program: handed over with -E.
+std::vector<std::string> with_emulator(std::vector<std::string> argv, const std::map<std::string, std::string>& env)
 {
-    std::vector<std::string> words;
     const char* e = std::getenv("KOR_TEST_EMULATOR");
-    std::stringstream ss(e ? e : "");
-    for (std::string w; ss >> w;) words.push_back(w);
-    return words;
-}
-
-// True for an ELF program built for the machine this test was built for,
-// i.e. one of ours in a cross build (host tools such as mke2fs are not).
-bool built_binary(const std::string& path)
-{
-    unsigned char h[20] = {}, self[20] = {};
-    std::ifstream in(path, std::ios::binary);
-    std::ifstream me("/proc/self/exe", std::ios::binary);
-    if (!in.read(reinterpret_cast<char*>(h), sizeof h)) return false;
-    if (!me.read(reinterpret_cast<char*>(self), sizeof self)) return false;
-    return std::memcmp(h, "\177ELF", 4) == 0 && h[18] == self[18] && h[19] == self[19];
-}
-
-// argv with the emulator in front when `argv[0]` needs it. LD_PRELOAD of
-// `env` is meant for the emulated program, not for the emulator: handed over
-// with -E (the caller still sets it for a native run, where it is harmless).
-std::vector<std::string> with_emulator(std::vector<std::string> argv,
-                                       const std::map<std::string, std::string>& env = {})
-{
-    std::vector<std::string> e = emulator();
-    if (e.empty() || !built_binary(argv[0])) return argv;
-    auto preload = env.find("LD_PRELOAD");
-    if (preload != env.end()) {
-        unsetenv("LD_PRELOAD");
-        e.push_back("-E");
-        e.push_back("LD_PRELOAD=" + preload->second);
-    }
-    e.insert(e.end(), argv.begin(), argv.end());
-    return e;
+    std::istringstream words(e ? e : "");
+    std::vector<std::string> out{std::istream_iterator<std::string>(words), {}};
+    char h[20] = {}, self[20] = {};
+    std::ifstream(argv[0], std::ios::binary).read(h, sizeof h);
+    std::ifstream("/proc/self/exe", std::ios::binary).read(self, sizeof self);
+    if (out.empty() || std::memcmp(h, "\177ELF", 4) != 0 || std::memcmp(h + 18, self + 18, 2) != 0) return argv;
+    if (auto preload = env.find("LD_PRELOAD"); preload != env.end())
+        unsetenv("LD_PRELOAD"), out.insert(out.end(), {"-E", "LD_PRELOAD=" + preload->second});
+    out.insert(out.end(), argv.begin(), argv.end());
+    return out;
 }
 
 }  // namespace
 
 bool available(std::string* why)
 {
-    bool ok = enter();
-    if (!ok && why) *why = g_why;
-    return ok;
+    if (!enter() && why) *why = g_why;
+    return g_entered;
 }
 
 std::string RunResult::log_text() const
@@ -212,59 +152,74 @@ std::string RunResult::log_text() const
 }
 
 struct Device::Impl {
-    int syslog_fd = -1;
+    int syslog_fd = -1, next_node = 0;
     std::vector<int> loop_fds;
-    int next_node = 0;
-    struct Child {
-        int out = -1, err = -1;
-    };
-    std::map<int, Child> children;
+    std::map<int, std::pair<int, int>> children;  // pid: its stdout and stderr
+
+    // Starts argv with stdin empty and stdout on a pipe or a pty.
+    int spawn(std::vector<std::string> argv, const RunOptions& o, bool is_kor)
+    {
+        int out[2], err[2];
+        if (o.stdout_tty) {
+            out[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+            if (out[0] < 0 || grantpt(out[0]) != 0 || unlockpt(out[0]) != 0) die("pty");
+            if ((out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) < 0) die("pty slave");
+        } else {
+            check(pipe2(out, O_CLOEXEC), "pipe");
+        }
+        check(pipe2(err, O_CLOEXEC), "pipe");
+        pid_t pid = fork();
+        if (pid < 0) die("fork");
+        if (pid == 0) {
+            dup2(open("/dev/null", O_RDONLY), 0), dup2(out[1], 1), dup2(err[1], 2);
+            if (is_kor) unsetenv("KOR_PRODUCT"), unsetenv("KOR_PLATFORM");
+            for (const auto& [k, v] : o.env) setenv(k.c_str(), v.c_str(), 1);
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            argv[0] = map_host_path(argv[0]);
+            argv = with_emulator(argv, o.env);
+            std::vector<char*> c;
+            for (auto& a : argv) c.push_back(a.data());
+            c.push_back(nullptr);
+            execvp(c[0], c.data());
+            _exit(127);
+        }
+        close(out[1]);
+        close(err[1]);
+        children[pid] = {out[0], err[0]};
+        return pid;
+    }
 };
 
 Device::Device() : impl_(new Impl)
 {
     if (!enter()) die("sandbox not available: " + g_why);
-    mount_tmpfs("/dev", "755");
-    mount_tmpfs("/tmp", "1777");
-    mount_tmpfs("/mnt", "755");
-    mount_tmpfs(kWork, "755");
+    for (const auto& [where, mode] :
+         {std::pair<std::string, std::string>{"/dev", "755"}, {"/tmp", "1777"}, {"/mnt", "755"}, {kWork, "755"}})
+        mount_tmpfs(where, mode);
     mkdirs(kPrivate);
-    make_node("/dev/null", S_IFCHR | 0666, makedev(1, 3));
-    make_node("/dev/zero", S_IFCHR | 0666, makedev(1, 5));
-    make_node("/dev/urandom", S_IFCHR | 0666, makedev(1, 9));
     mkdirs("/dev/pts");
-    check(mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666,mode=620"),
-          "mount devpts");
+    for (auto [name, minor] : {std::pair{"null", 3}, {"zero", 5}, {"urandom", 9}})
+        make_node(std::string("/dev/") + name, S_IFCHR | 0666, makedev(1, minor));
+    check(mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666,mode=620"), "mount devpts");
     check(symlink("pts/ptmx", "/dev/ptmx"), "symlink ptmx");
-
+    sockaddr_un a{AF_UNIX, "/dev/log"};
     impl_->syslog_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::strcpy(a.sun_path, "/dev/log");
     check(bind(impl_->syslog_fd, reinterpret_cast<sockaddr*>(&a), sizeof a), "bind /dev/log");
     int big = 1 << 20;
     setsockopt(impl_->syslog_fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
-
-    write_file(std::string(kPrivate) + "/cmdline", "console=ttyS0\n");
-    check(mount((std::string(kPrivate) + "/cmdline").c_str(), "/proc/cmdline", nullptr, MS_BIND,
-                nullptr),
-          "bind /proc/cmdline");
+    write_file(kPrivate + "/cmdline", "console=ttyS0\n");
+    check(mount((kPrivate + "/cmdline").c_str(), "/proc/cmdline", nullptr, MS_BIND, nullptr), "bind /proc/cmdline");
 }
 
 Device::~Device()
 {
-    umount2("/proc/cmdline", MNT_DETACH);
-    umount2("/mnt", MNT_DETACH);
-    umount2("/dev/pts", MNT_DETACH);
-    if (impl_->syslog_fd >= 0) close(impl_->syslog_fd);
+    for (const char* m : {"/proc/cmdline", "/mnt", "/dev/pts"}) umount2(m, MNT_DETACH);
+    close(impl_->syslog_fd);
     closelog();  // the test process may have logged through this socket
-    for (int fd : impl_->loop_fds) {
-        ioctl(fd, LOOP_CLR_FD, 0);
-        close(fd);
-    }
-    umount2("/dev", MNT_DETACH);
-    umount2("/tmp", MNT_DETACH);
-    umount2(kWork, MNT_DETACH);
+    for (int fd : impl_->loop_fds) ioctl(fd, LOOP_CLR_FD, 0), close(fd);
+    for (const std::string& m : {std::string("/dev"), std::string("/tmp"), kWork}) umount2(m.c_str(), MNT_DETACH);
     delete impl_;
 }
 
@@ -274,28 +229,24 @@ std::string Device::workdir() const { return kWork; }
 
 void Device::with_default_layout(uint64_t part_size)
 {
-    add_partition(3, kHostconfigPartSize);
-    add_partition(4, kHostconfigPartSize);
-    for (int n : {5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18}) add_partition(n, part_size);
+    for (int n : {3, 4, 5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18})
+        add_partition(n, n < 5 ? kHostconfigPartSize : part_size);
 }
 
 void Device::add_partition(int n, uint64_t size) { add_block_device(part(n), {}, size); }
 
 void Device::add_block_device(const std::string& path, const bytes& content, uint64_t size)
 {
-    if (size < content.size()) size = content.size();
-    std::string backing = std::string(kPrivate) + "/backing" + std::to_string(impl_->next_node++);
+    std::string backing = kPrivate + "/backing" + std::to_string(impl_->next_node++);
     int file = open(backing.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (file < 0) die("create " + backing);
-    check(ftruncate(file, static_cast<off_t>(size)), "truncate " + backing);
-    if (!content.empty() &&
-        pwrite(file, content.data(), content.size(), 0) != static_cast<ssize_t>(content.size()))
-        die("fill " + backing);
+    check(ftruncate(file, off_t(std::max<uint64_t>(size, content.size()))), "truncate " + backing);
+    if (pwrite(file, content.data(), content.size(), 0) != ssize_t(content.size())) die("fill " + backing);
     for (int attempt = 0; attempt < 200; attempt++) {
         int idx = ioctl(g_loop_control, LOOP_CTL_GET_FREE);
         if (idx < 0) die("LOOP_CTL_GET_FREE");
-        std::string node = std::string(kPrivate) + "/loop" + std::to_string(idx);
-        make_node(node, S_IFBLK | 0600, makedev(7, static_cast<unsigned>(idx)));
+        std::string node = kPrivate + "/loop" + std::to_string(idx);
+        make_node(node, S_IFBLK | 0600, makedev(7, unsigned(idx)));
         int loop = open(node.c_str(), O_RDWR | O_CLOEXEC);
         unlink(node.c_str());
         if (loop < 0) continue;
@@ -305,10 +256,8 @@ void Device::add_block_device(const std::string& path, const bytes& content, uin
         }
         close(file);
         impl_->loop_fds.push_back(loop);
-        std::string dir = path.substr(0, path.rfind('/'));
-        if (!dir.empty()) mkdirs(dir);
-        make_node(path, S_IFBLK | 0600, makedev(7, static_cast<unsigned>(idx)));
-        return;
+        mkdirs(path.substr(0, path.rfind('/')));
+        return make_node(path, S_IFBLK | 0600, makedev(7, unsigned(idx)));
     }
     die("no free loop device");
 }
@@ -318,38 +267,30 @@ bytes Device::read(const std::string& path, uint64_t offset, uint64_t length) co
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) die("open " + path);
     bytes b(length);
-    ssize_t n = pread(fd, b.data(), length, static_cast<off_t>(offset));
+    b.resize(size_t(std::max<ssize_t>(0, pread(fd, b.data(), length, off_t(offset)))));
     close(fd);
-    b.resize(n < 0 ? 0 : static_cast<size_t>(n));
     return b;
 }
 
 void Device::write(const std::string& path, uint64_t offset, const bytes& data) const
 {
     int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) die("open " + path);
-    ssize_t n = pwrite(fd, data.data(), data.size(), static_cast<off_t>(offset));
+    if (fd < 0 || pwrite(fd, data.data(), data.size(), off_t(offset)) != ssize_t(data.size())) die("write " + path);
     fsync(fd);
     close(fd);
-    if (n != static_cast<ssize_t>(data.size())) die("write " + path);
 }
 
+// Rewrites in place, as the bind over /proc/cmdline follows the inode.
 void Device::write_file(const std::string& path, const std::string& text) const
 {
-    std::string dir = path.substr(0, path.rfind('/'));
-    if (!dir.empty()) mkdirs(dir);
-    FILE* f = std::fopen(path.c_str(), "w");
-    if (!f) die("create " + path);
-    std::fwrite(text.data(), 1, text.size(), f);
-    std::fclose(f);
+    mkdirs(path.substr(0, path.rfind('/')));
+    if (!std::ofstream(path, std::ios::binary).write(text.data(), std::streamsize(text.size()))) die("create " + path);
 }
 
 std::string Device::read_file(const std::string& path) const
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 bool Device::exists(const std::string& path) const
@@ -358,138 +299,68 @@ bool Device::exists(const std::string& path) const
     return lstat(path.c_str(), &st) == 0;
 }
 
-void Device::set_cmdline(const std::string& text)
-{
-    // Rewritten in place: the bind mount follows the inode.
-    int fd = open((std::string(kPrivate) + "/cmdline").c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-    if (fd < 0) die("cmdline");
-    if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) die("cmdline");
-    close(fd);
-}
+void Device::set_cmdline(const std::string& text) { write_file(kPrivate + "/cmdline", text); }
 
 std::string Device::stage(const std::string& host_path)
 {
-    std::string mapped = map_host_path(host_path);
-    std::string dst = std::string(kWork) + "/stage" + mapped.substr(mapped.rfind('/'));
-    mkdirs(std::string(kWork) + "/stage");
-    std::ifstream in(mapped, std::ios::binary);
-    std::ofstream out(dst, std::ios::binary);
-    out << in.rdbuf();
-    out.close();
+    std::string mapped = map_host_path(host_path), dst = kWork + "/stage" + mapped.substr(mapped.rfind('/'));
+    write_file(dst, read_file(mapped));
     chmod(dst.c_str(), 0755);
     return dst;
 }
 
-std::vector<LogLine> Device::take_log() { return parse_datagrams(impl_->syslog_fd); }
+std::vector<LogLine> Device::take_log() { return take_datagrams(impl_->syslog_fd); }
 
 int Device::spawn_kor(const std::vector<std::string>& args, const RunOptions& o)
 {
-    std::vector<std::string> argv{map_host_path(KOR_BINARY)};
+    std::vector<std::string> argv{KOR_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
-    int out[2], err[2], in[2];
-    int tty_master = -1;
-    if (o.stdout_tty) {
-        tty_master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (tty_master < 0 || grantpt(tty_master) != 0 || unlockpt(tty_master) != 0)
-            die("pty");
-        out[0] = tty_master;
-        out[1] = open(ptsname(tty_master), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (out[1] < 0) die("pty slave");
-    } else {
-        check(pipe2(out, O_CLOEXEC), "pipe");
-    }
-    check(pipe2(err, O_CLOEXEC), "pipe");
-    check(pipe2(in, O_CLOEXEC), "pipe");
-    pid_t pid = fork();
-    if (pid < 0) die("fork");
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        unsetenv("KOR_PRODUCT");
-        unsetenv("KOR_PLATFORM");
-        for (const auto& kv : o.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        argv = with_emulator(argv, o.env);
-        std::vector<char*> cargv;
-        for (auto& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
-        cargv.push_back(nullptr);
-        execvp(cargv[0], cargv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    close(err[1]);
-    close(in[0]);
-    if (!o.stdin_data.empty()) {
-        ssize_t w = ::write(in[1], o.stdin_data.data(), o.stdin_data.size());
-        (void)w;
-    }
-    close(in[1]);
-    impl_->children[pid] = Impl::Child{out[0], err[0]};
-    return pid;
+    return impl_->spawn(argv, o, true);
 }
 
 int Device::worker_pid(int parent_pid)
 {
-    std::ifstream in("/proc/" + std::to_string(parent_pid) + "/task/" +
-                     std::to_string(parent_pid) + "/children");
+    std::string p = std::to_string(parent_pid);
     int pid = 0;
-    in >> pid;
+    std::ifstream("/proc/" + p + "/task/" + p + "/children") >> pid;
     return pid;
 }
 
 RunResult Device::wait(int pid, int timeout_ms)
 {
     RunResult r;
-    Impl::Child c = impl_->children[pid];
+    auto [out, err] = impl_->children[pid];
     impl_->children.erase(pid);
-    int64_t deadline = now_ms() + timeout_ms;
-    bool out_open = true, err_open = true;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    pollfd fds[3] = {{out, POLLIN, 0}, {err, POLLIN, 0}, {impl_->syslog_fd, POLLIN, 0}};
+    std::string* sink[2] = {&r.out, &r.err};
     int status = 0;
-    bool exited = false;
-    while (out_open || err_open || !exited) {
-        if (!exited && waitpid(pid, &status, WNOHANG) == pid) exited = true;
-        if (now_ms() > deadline) {
-            r.timed_out = true;
-            int w = worker_pid(pid);
-            if (w > 0) kill(w, SIGKILL);
+    bool exited = false, timed_out = false;
+    // A pty reports no end of file: stop once the process is gone and nothing came.
+    for (bool got = true; !exited || (got && (fds[0].fd >= 0 || fds[1].fd >= 0));) {
+        exited = exited || waitpid(pid, &status, WNOHANG) == pid;
+        if ((timed_out = std::chrono::steady_clock::now() > deadline)) {
+            if (int w = worker_pid(pid); w > 0) kill(w, SIGKILL);
             kill(pid, SIGKILL);
             if (!exited) waitpid(pid, &status, 0);
-            exited = true;
             break;
         }
-        pollfd fds[3] = {{c.out, POLLIN, 0}, {c.err, POLLIN, 0}, {impl_->syslog_fd, POLLIN, 0}};
-        if (!out_open) fds[0].fd = -1;
-        if (!err_open) fds[1].fd = -1;
         poll(fds, 3, exited ? 50 : 10);
-        char buf[65536];
+        got = false;
         for (int i = 0; i < 2; i++) {
+            char buf[65536];
             if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                (i == 0 ? r.out : r.err).append(buf, static_cast<size_t>(n));
-            } else {
-                (i == 0 ? out_open : err_open) = false;
-            }
+            if (n <= 0) fds[i].fd = -1;
+            else got = true, sink[i]->append(buf, size_t(n));
         }
-        auto lines = parse_datagrams(impl_->syslog_fd);
-        r.log.insert(r.log.end(), lines.begin(), lines.end());
-        // A pty never reports end of file while the slave may still be open
-        // elsewhere; once the process is gone and nothing is left, stop.
-        if (exited && !(fds[0].revents & POLLIN) && !(fds[1].revents & POLLIN)) break;
+        r.log = take_datagrams(impl_->syslog_fd, std::move(r.log));
     }
-    close(c.out);
-    close(c.err);
-    auto lines = parse_datagrams(impl_->syslog_fd);
-    r.log.insert(r.log.end(), lines.begin(), lines.end());
-    if (r.timed_out)
-        r.status = -1;
-    else if (WIFEXITED(status))
-        r.status = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        r.status = 128 + WTERMSIG(status);
+    close(out);
+    close(err);
+    r.log = take_datagrams(impl_->syslog_fd, std::move(r.log));
+    if (!timed_out && WIFEXITED(status)) r.status = WEXITSTATUS(status);
+    if (!timed_out && WIFSIGNALED(status)) r.status = 128 + WTERMSIG(status);
     return r;
 }
 
@@ -500,32 +371,7 @@ RunResult Device::kor(const std::vector<std::string>& args, const RunOptions& o)
 
 RunResult Device::run(const std::vector<std::string>& argv, const RunOptions& o)
 {
-    // spawn_kor prepends kor; build the child by hand for other programs.
-    std::vector<std::string> args(argv.begin() + 1, argv.end());
-    int out[2], err[2];
-    check(pipe2(out, O_CLOEXEC), "pipe");
-    check(pipe2(err, O_CLOEXEC), "pipe");
-    pid_t pid = fork();
-    if (pid < 0) die("fork");
-    if (pid == 0) {
-        int devnull = open("/dev/null", O_RDONLY);
-        dup2(devnull, 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        for (const auto& kv : o.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        std::vector<std::string> full{map_host_path(argv[0])};
-        full.insert(full.end(), args.begin(), args.end());
-        full = with_emulator(full, o.env);
-        std::vector<char*> cargv;
-        for (auto& a : full) cargv.push_back(const_cast<char*>(a.c_str()));
-        cargv.push_back(nullptr);
-        execvp(cargv[0], cargv.data());
-        _exit(127);
-    }
-    close(out[1]);
-    close(err[1]);
-    impl_->children[pid] = Impl::Child{out[0], err[0]};
-    return wait(pid, o.timeout_ms);
+    return wait(impl_->spawn(argv, o, false), o.timeout_ms);
 }
 
 }  // namespace sandbox

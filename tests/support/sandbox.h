@@ -1,16 +1,11 @@
 // A private simulated device for tests that run kor or open device paths.
 //
-// The first Device created in a test process moves the process into a
-// private mount namespace. Each Device then mounts fresh tmpfs on /dev, /tmp
-// and /mnt (and a staging tmpfs on /run holding a copy of the binaries), so
-// nothing a test does is visible outside it. Partitions /dev/mmcblk0pN are
-// real block devices: loop devices over sparse files, auto-detached when
-// the Device (or the test process) goes away. A datagram socket is bound at
-// /dev/log so tests read exactly what kor sent to syslog, and a file is
-// bind-mounted over /proc/cmdline.
-//
-// Needs root. Tests call KOR_SANDBOX_OR_SKIP() first; as a normal user the
-// test is skipped with the reason.
+// The first Device moves the test process into a private mount namespace;
+// each Device mounts fresh tmpfs on /dev, /tmp and /mnt, so nothing a test
+// does is seen outside. Partitions /dev/mmcblk0pN are real block devices
+// (loop devices over sparse files, detached when the Device or the process
+// goes away). Syslog is read from a datagram socket bound at /dev/log, and a
+// file is bound over /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,14 +17,13 @@
 
 namespace sandbox {
 
-// True when loop devices and mount namespaces can be used; else `why` says
-// what is missing.
+// True when loop devices and mount namespaces can be used; else `why` says what is missing.
 bool available(std::string* why);
 
-#define KOR_SANDBOX_OR_SKIP()                                          \
-    do {                                                               \
-        std::string why_;                                              \
-        if (!::sandbox::available(&why_)) GTEST_SKIP() << why_;        \
+#define KOR_SANDBOX_OR_SKIP()                                   \
+    do {                                                        \
+        std::string why_;                                       \
+        if (!::sandbox::available(&why_)) GTEST_SKIP() << why_; \
     } while (0)
 
 using bytes = std::vector<uint8_t>;
@@ -40,29 +34,21 @@ struct LogLine {
 };
 
 struct RunOptions {
-    bool stdout_tty = false;                   // stdout on a pseudo terminal
-    std::map<std::string, std::string> env;    // extra environment (KOR_PRODUCT, ...)
-    int timeout_ms = 60000;                    // kill kor (parent and worker) after this
-    std::string stdin_data;                    // written to kor's stdin
-
-    // Chainable setters: RunOptions().tty().set("KOR_PRODUCT", "x").
+    bool stdout_tty = false;                 // stdout on a pseudo terminal
+    std::map<std::string, std::string> env;  // extra environment (KOR_PRODUCT, ...)
+    int timeout_ms = 60000;                  // then kor (parent and worker) is killed
     RunOptions& tty(bool on = true) { stdout_tty = on; return *this; }
     RunOptions& set(const std::string& k, const std::string& v) { env[k] = v; return *this; }
-    RunOptions& timeout(int ms) { timeout_ms = ms; return *this; }
 };
 
 struct RunResult {
-    int status = -1;   // exit status; 128+N when killed by signal N (timeout: -1)
-    std::string out;   // stdout (also what went to the pty with stdout_tty)
-    std::string err;   // stderr
-    std::vector<LogLine> log;  // syslog datagrams sent during the run
-    bool timed_out = false;
-    // Convenience: all syslog texts joined.
-    std::string log_text() const;
+    int status = -1;  // exit status; 128+N when killed by signal N; -1 on timeout
+    std::string out, err;
+    std::vector<LogLine> log;      // syslog datagrams sent during the run
+    std::string log_text() const;  // their texts joined
 };
 
-// Partition sizes of a device made by Device::with_default_layout().
-constexpr uint64_t kHostconfigPartSize = 1 << 20;  // holds the flags at 0x3FE00
+constexpr uint64_t kHostconfigPartSize = 1 << 20;  // p3 and p4; holds the flags at 0x3FE00
 
 class Device {
 public:
@@ -71,43 +57,31 @@ public:
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    // /dev/mmcblk0p3 and p4 (hostconfig, 1 MiB) and the partitions of the
-    // default layout (5-8, 11-18) of `part_size` bytes each.
+    // p3 and p4 (hostconfig) and 5-8, 11-18 of `part_size` bytes each.
     void with_default_layout(uint64_t part_size = 4 << 20);
-    // /dev/mmcblk0pN as a loop device over a sparse file of `size` bytes.
-    void add_partition(int n, uint64_t size);
+    void add_partition(int n, uint64_t size);  // /dev/mmcblk0pN over a sparse file
     // Any other block device node (e.g. "/dev/mtd7") over a file with `content`.
     void add_block_device(const std::string& path, const bytes& content, uint64_t size = 0);
-    // The path of the partition's device node.
-    static std::string part(int n);
+    static std::string part(int n);  // "/dev/mmcblk0pN"
 
     bytes read(const std::string& path, uint64_t offset, uint64_t length) const;
     void write(const std::string& path, uint64_t offset, const bytes& data) const;
     void write_file(const std::string& path, const std::string& text) const;  // regular file
     std::string read_file(const std::string& path) const;
     bool exists(const std::string& path) const;
+    void set_cmdline(const std::string& text);  // what kor reads as /proc/cmdline
 
-    // Text seen by kor as /proc/cmdline.
-    void set_cmdline(const std::string& text);
-
-    // Runs the production kor binary in the sandbox.
     RunResult kor(const std::vector<std::string>& args, const RunOptions& o = {});
-    // Runs another program (argv[0] a path or a name found on PATH).
+    // Another program: argv[0] a path or a name found on PATH.
     RunResult run(const std::vector<std::string>& argv, const RunOptions& o = {});
-    // Starts kor without waiting; returns its pid. Use wait() to collect.
-    int spawn_kor(const std::vector<std::string>& args, const RunOptions& o = {});
+    int spawn_kor(const std::vector<std::string>& args, const RunOptions& o = {});  // its pid
     RunResult wait(int pid, int timeout_ms = 60000);
-    // The pid of kor's worker process (the child of `parent_pid`), 0 if none yet.
-    static int worker_pid(int parent_pid);
+    static int worker_pid(int parent_pid);  // kor's worker (child of `parent_pid`), 0 if none
 
-    // Syslog datagrams received since the last call.
-    std::vector<LogLine> take_log();
-
-    // A copy of a host file staged inside the sandbox (readable by kor);
-    // returns its sandbox path. Use for plugins and images made outside.
+    std::vector<LogLine> take_log();  // syslog datagrams received since the last call
+    // A copy of a host file (plugin, preload, image) kor can read; returns its path.
     std::string stage(const std::string& host_path);
-    // Directory for the test's own files (images, configs), on the sandbox tmpfs.
-    std::string workdir() const;
+    std::string workdir() const;  // for the test's own files, on the sandbox tmpfs
 
 private:
     struct Impl;
