@@ -80,3 +80,8 @@ int32_t fnsize(const char* path)
     return static_cast<int32_t>(st.st_size);
 }
 
+uint8_t* device_io_buffer()
+{
+    alignas(DEVICE_IO_ALIGN) static uint8_t buffer[DEVICE_IO_SIZE];
+    return buffer;
+}

@@ -22,6 +22,13 @@ int32_t fnsize(const char* path);
 void crc32_init();
 uint32_t crc32_calc(uint32_t crc, const void* buffer, uint32_t length);
 
+// One block-aligned buffer for direct I/O on partitions, shared by the
+// writer and the read-back (never in use by both at once): big pieces keep
+// the number of device requests low, one buffer keeps the memory small.
+constexpr uint32_t DEVICE_IO_SIZE = uint32_t{1} << 20;
+constexpr uint32_t DEVICE_IO_ALIGN = 4096;
+uint8_t* device_io_buffer();
+
 // libcurl's write-callback shape; returns the number of bytes taken.
 using receive_fn = size_t (*)(void* data, size_t size, size_t count, void* ctx);
 // Reads at most `size` bytes of `path` straight into `buffer` (at most two

@@ -51,13 +51,11 @@ void print_plan_line(const install_ctx* c, int i)
 }
 
 // Partition data goes to the device with direct I/O, block-aligned pieces
-// copied through this buffer: it does not pass through (and push out) the
-// page cache, which on the device is a good share of its memory, and the
-// flush before the read-back has nothing left to do. The few bytes at the
-// unaligned edges of a piece go through the cache.
-constexpr uint64_t DIRECT_ALIGN = 4096;
-constexpr uint32_t BOUNCE_SIZE = uint32_t{1} << 20;
-alignas(DIRECT_ALIGN) uint8_t g_bounce[BOUNCE_SIZE];
+// copied through the device I/O buffer: it does not pass through (and push
+// out) the page cache, which on the device is a good share of its memory,
+// and the flush before the read-back has nothing left to do. The few bytes
+// at the unaligned edges of a piece go through the cache.
+constexpr uint64_t DIRECT_ALIGN = DEVICE_IO_ALIGN;
 
 bool set_direct(int fd, bool on)
 {
@@ -91,9 +89,9 @@ int64_t write_direct(int fd, const uint8_t* p, uint64_t at, uint64_t from, uint6
     if (!set_direct(fd, true)) return -1;
     uint64_t pos = from;
     while (pos < to) {
-        uint32_t n = to - pos < BOUNCE_SIZE ? static_cast<uint32_t>(to - pos) : BOUNCE_SIZE;
-        std::memcpy(g_bounce, p + (pos - at), n);
-        uint64_t r = write_at(fd, g_bounce, n, pos);
+        uint32_t n = to - pos < DEVICE_IO_SIZE ? static_cast<uint32_t>(to - pos) : DEVICE_IO_SIZE;
+        std::memcpy(device_io_buffer(), p + (pos - at), n);
+        uint64_t r = write_at(fd, device_io_buffer(), n, pos);
         if (r == n) {
             pos += n;
             continue;

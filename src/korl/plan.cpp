@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr uint32_t CRC_PIECE = 256 * 1024;
+constexpr uint32_t CRC_PIECE = DEVICE_IO_SIZE;
 constexpr int KORM_CONTENT_PARTS = 20;  // content part table of one image
 
 struct version {
@@ -175,11 +175,9 @@ int check_recording(const korm_element* elements, velk_content_header* const* ta
 // reading a whole partition through it would take. Where direct I/O is not
 // available the cache is dropped first and plain reads are used.
 // Direct reads want an aligned buffer, and pieces large enough that each
-// request to the device is worth its cost: one static buffer, no allocation.
-alignas(4096) uint8_t g_piece[CRC_PIECE];
-
+// request to the device is worth its cost: the device I/O buffer.
 struct device_reader {
-    uint8_t* piece = g_piece;
+    uint8_t* piece = device_io_buffer();
     uint32_t have = 0;  // bytes in piece
     uint32_t used = 0;  // bytes of piece already handed out
     bool end = false;
