@@ -100,12 +100,15 @@ Daemon::Daemon(const World& w, const std::string& scheme, const std::string& con
               "http {\n" + temps + "log_format kor '$http_range $body_bytes_sent';\naccess_log " + log + " kor;\nsendfile on;\n"
               "server {\nlisten 127.0.0.1:" + at + (scheme == "https" ? " ssl" : "") + " sndbuf=64k;\nroot " + w.www +
               ";\n" + conf + "}\n}\n");
-        const std::string cmd = scheme == "ftp" ? "/usr/sbin/vsftpd " + file : "/usr/sbin/nginx -p " + dir + " -c " + file + " -e " + dir + "/error.log";
-        if ((pid = fork()) == 0)
-            setpgid(0, 0), execl("/bin/sh", "sh", "-c", ("exec " + cmd + " >" + dir + "/server.out 2>&1 </dev/null").c_str(), nullptr), _exit(127);
+        const std::string cmd = scheme == "ftp" ? "/usr/sbin/vsftpd " + file
+                                                : "/usr/sbin/nginx -p " + dir + " -c " + file + " -e " + dir + "/error.log";
+        const std::string sh = "exec " + cmd + " >" + dir + "/server.out 2>&1 </dev/null";
+        if ((pid = fork()) == 0) setpgid(0, 0), execl("/bin/sh", "sh", "-c", sh.c_str(), nullptr), _exit(127);
         setpgid(pid, pid);
         bool exited = pid < 0;
-        auto up = [&] { return (exited = exited || waitpid(pid, nullptr, WNOHANG) == pid) || close(inet_socket(&port, false)) == 0; };
+        auto up = [&] {
+            return (exited = exited || waitpid(pid, nullptr, WNOHANG) == pid) || close(inet_socket(&port, false)) == 0;
+        };
         if (wait_until(up) && !exited) return;
         error = cmd + (exited ? " exited early: " : " did not accept connections: ") + dev.read_file(dir + "/server.out");
         if (!exited) kill(-pid, SIGKILL), waitpid(pid, nullptr, 0);
@@ -122,7 +125,8 @@ std::vector<Daemon::Request> Daemon::log(size_t at_least) const
         std::string rest;  // vsftpd logs a REST command, later the download it applied to
         for (std::string line; std::getline(in, line);) {
             const size_t at = line.find("\"REST "), sp = line.rfind(' ');
-            if (scheme != "ftp") out.push_back({line.compare(0, sp, "-") ? line.substr(0, sp) : "", std::stoull(line.substr(sp + 1))});
+            if (scheme != "ftp")  // nginx: "<Range> <bytes>", the range "-" when none
+                out.push_back({line.compare(0, sp, "-") ? line.substr(0, sp) : "", std::stoull(line.substr(sp + 1))});
             if (at != std::string::npos) rest = line.substr(at + 1, line.find('"', at + 1) - at - 1);
             if (line.find("DOWNLOAD: ") != std::string::npos)
                 out.push_back({rest, std::stoull(line.substr(line.rfind("\", ") + 3))}), rest.clear();
