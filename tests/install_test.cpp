@@ -18,7 +18,8 @@ namespace {
 const bytes kKernel = [] { bytes b(1001); std::iota(b.begin(), b.end(), uint8_t(1)); return b; }();  // not 4n
 const std::string kKorm = "2,KNLS,0,-,-,-,1.0.1,1\n3,ROOTS,0,-,-,-,1.0.1,1\n", kKorm2 = "2,KNLS,0,-,-,-,1.0.2,1\n3,ROOTS,0,-,-,-,1.0.2,1\n",
                   kAny = ",KNLS,0,-,-,-,-1.-1.-1,1\n" + kKorm.substr(23),
-                  kSafe = "2,SAFEKNLS,0,-,-,-,1.0.1,1\n", kTried = "Autodetected set installation has already been tried by KOR with or without success.\n",
+                  kSafe = "2,SAFEKNLS,0,-,-,-,1.0.1,1\n",
+                  kTried = "Autodetected set installation has already been tried by KOR with or without success.\n",
                   kNo = "|!hc:\n", kAct0 = "|hc:\nactset=0\n", kAct1 = "|hc:\nactset=1\n",  // kNo: nothing saved
                   kHooks = "|hooks:[data_rcvd\npre_metainstall 1\n", kAll = kHooks + "pre_install 1\npost_write_out 1\n";
 
@@ -54,7 +55,8 @@ const Row rows[] = {
      "KOR_TEST_HOOK_NONE=0"},
     {"SAFESET none free", "0", 9, "install: korl_meta_install_part1 failed: -5\n|hc:\nactset=2\n", "pre1 pre2", "2,KNLS,0,-,-,-,1.0.9,1\n"},
     {"no version: newest", "1 -v", 0, "0: name=kernel action=2 velk_cidx=2 partinfo_idx=15|hc:\nset[1].refs=15,13\n", "pre1 pre2", "2" + kAny},
-    {"other platform", "1 -v -platform=p1", 0, "0: name=kernel action=0|hc:\nset[1].refs=13\n|dev:kernel= ", "", "2,KNLS,0,-,-,p2" + kKorm.substr(14)},
+    {"other platform", "1 -v -platform=p1", 0, "0: name=kernel action=0|hc:\nset[1].refs=13\n|dev:kernel= ", "",
+     "2,KNLS,0,-,-,p2" + kKorm.substr(14)},
     {"set idx 0x2", "0x2", 0, "into set idx = 2\n|hc:\nactset=2\n"},
     {"missing set idx", "", 1, "install: missing set idx?\n" + kNo},
     {"set idx -2", "-2", 1, "install: invalid set idx?\n" + kNo},
@@ -71,7 +73,8 @@ const Row rows[] = {
     {"minver above, -f", "1 -minver=1.0.2 -f", 7, "install: Version in release header lower than 1.0-2\n" + kNo},
     {"-dryrun", "1 -dryrun", 0, "!out:Writing out|!log:install: entering critical region|dev:activeset=2 flags=0 kernel= " + kNo, "act2"},
     {"-onlymeta", "1 -onlymeta", 0, "!out:Writing out|dev:activeset=none flags=0 kernel= " + kAct1},
-    {"-noactivate", "1 -noactivate", 0, "out:Writing out 1001 bytes of data to /dev/mmcblk0p11\n|dev:activeset=1 flags=0 kernel=11, " + kAct0, "act2"},
+    {"-noactivate", "1 -noactivate", 0, "out:Writing out 1001 bytes of data to /dev/mmcblk0p11\n|dev:activeset=1 flags=0 kernel=11, " + kAct0,
+     "act2"},
     {"-test", "1 -test", 0, "dev:activeset=none flags=1 " + kAct1},
     {"-noactivate -test", "1 -noactivate -test", 1, "dev:activeset=1 flags=0 kernel=11, " + kAct0, "act2"},
     {"automatic", "-1", 0, "into autodetected set idx = 1\n|dev:autoset=0 "},
