@@ -31,8 +31,8 @@ uint8_t* device_io_buffer();
 
 // libcurl's write-callback shape; returns the number of bytes taken.
 using receive_fn = size_t (*)(void* data, size_t size, size_t count, void* ctx);
-// Reads at most `size` bytes of `path` straight into `buffer` (at most two
-// reads) and reports each piece to `receive`. Bytes read, or 0 on failure.
+// Reads at most `size` bytes of `path` straight into `buffer`, piece by
+// piece, and reports each piece to `receive`. Bytes read, or 0 on failure.
 int32_t load_file(const char* path, uint8_t* buffer, uint32_t size, receive_fn receive, void* ctx);
 
 // Owning wrappers: a descriptor or stream closes when it leaves scope. The
