@@ -1,4 +1,3 @@
-// The private simulated device used by the tests.
 #include "support/sandbox.h"
 
 #include <fcntl.h>
@@ -18,7 +17,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -27,61 +25,46 @@
 namespace sandbox {
 namespace {
 
+using Strings = std::vector<std::string>;
 const std::string kWork = "/run/kor/work", kPrivate = "/dev/.sandbox";
-// The build and source trees, bound below /run/kor so that they stay
-// reachable when they live under a directory the sandbox covers.
-const std::pair<std::string, std::string> kTrees[] = {{KOR_BUILD_DIR, "/run/kor/build"},
-                                                      {KOR_SOURCE_DIR, "/run/kor/src"}};
+// Bound below /run/kor: reachable even when they live under a directory the sandbox covers.
+const std::pair<std::string, std::string> kTrees[] = {{KOR_BUILD_DIR, "/run/kor/build"}, {KOR_SOURCE_DIR, "/run/kor/src"}};
 int g_loop_control = -1;
-bool g_entered = false;
-std::string g_why;
+std::string g_why;  // why the sandbox is not available
 
-[[noreturn]] void die(const std::string& what)
+void check(bool ok, const std::string& what)
 {
-    std::fprintf(stderr, "sandbox: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::abort();
+    if (!ok) std::fprintf(stderr, "sandbox: %s: %s\n", what.c_str(), std::strerror(errno)), std::abort();
 }
-
-void check(int r, const std::string& what) { if (r != 0) die(what); }
 
 void mkdirs(const std::string& path)
 {
     for (size_t at = 0; !path.empty() && at != std::string::npos;) {
         std::string cur = path.substr(0, at = path.find('/', at + 1));
-        if (mkdir(cur.c_str(), 0755) != 0 && errno != EEXIST) die("mkdir " + cur);
+        check(mkdir(cur.c_str(), 0755) == 0 || errno == EEXIST, "mkdir " + cur);
     }
 }
 
-void mount_tmpfs(const std::string& at, const std::string& mode)
+void mount_at(const std::string& from, const std::string& at, const char* type, const std::string& data = "")
 {
-    check(mount("tmpfs", at.c_str(), "tmpfs", 0, ("mode=" + mode).c_str()), "mount tmpfs " + at);
+    check(mount(from.c_str(), at.c_str(), type, type ? 0 : MS_BIND, data.c_str()) == 0, "mount " + at);
 }
 
-void make_node(const std::string& path, mode_t mode, dev_t dev)
-{
-    unlink(path.c_str());
-    check(mknod(path.c_str(), mode, dev), "mknod " + path);
-}
+void make_node(const std::string& p, mode_t mode, dev_t dev) { unlink(p.c_str()), check(mknod(p.c_str(), mode, dev) == 0, "mknod " + p); }
 
 // Moves the process into a private mount namespace, once.
 bool enter()
 {
-    if (g_entered || !g_why.empty()) return g_entered;
-    if (geteuid() != 0)
-        g_why = "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
-    else if ((g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC)) < 0)
-        g_why = std::string("cannot open /dev/loop-control: ") + std::strerror(errno);
-    else if (unshare(CLONE_NEWNS) != 0)
-        g_why = std::string("unshare(CLONE_NEWNS) failed: ") + std::strerror(errno);
+    if (g_loop_control >= 0 || !g_why.empty()) return g_why.empty();
+    if (geteuid() != 0) g_why = "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
+    else if ((g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC)) < 0 || unshare(CLONE_NEWNS) != 0)
+        g_why = (g_loop_control < 0 ? "cannot open /dev/loop-control: " : "unshare(CLONE_NEWNS) failed: ") + std::string(std::strerror(errno));
     if (!g_why.empty()) return false;
-    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "make / private");
-    mount_tmpfs("/run", "755");
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+    mount_at("tmpfs", "/run", "tmpfs", "mode=755");
     mkdirs(kWork);
-    for (const auto& [host, at] : kTrees) {
-        mkdirs(at);
-        check(mount(host.c_str(), at.c_str(), nullptr, MS_BIND, nullptr), "bind " + host);
-    }
-    return g_entered = true;
+    for (const auto& [host, at] : kTrees) mkdirs(at), mount_at(host, at, nullptr);
+    return true;
 }
 
 std::string map_host_path(const std::string& p)
@@ -97,59 +80,33 @@ std::vector<LogLine> take_datagrams(int fd, std::vector<LogLine> lines = {})
     char buf[4096];
     for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
         std::string d(buf, size_t(n));
-        size_t k = d.find("KOR: ");
-        if (d.size() < 3 || d[0] != '<') lines.push_back({-1, d});
-        else lines.push_back({std::atoi(&d[1]) & 7, d.substr(k == std::string::npos ? d.find('>') + 1 : k + 5)});
+        size_t k = d.find("KOR: "), gt = d[0] == '<' ? d.find('>') : std::string::npos;
+        lines.push_back({gt != std::string::npos ? std::atoi(&d[1]) & 7 : -1, d.substr(k != std::string::npos ? k + 5 : gt + 1)});
     }
     return lines;
 }
 
-// Binds `file` to the loop device, detached on last close. qemu-user does
-// not know LOOP_CONFIGURE: then the two older calls.
-bool attach_loop(int loop, int file)
+// argv behind KOR_TEST_EMULATOR ("qemu-arm -L /sysroot") when argv[0] is an ELF for the machine of this test
+// (ours in a cross build, not a host tool). LD_PRELOAD is meant for the emulated program: handed over with -E.
+Strings with_emulator(const Strings& argv)
 {
-    loop_config cfg{};
-    cfg.fd = uint32_t(file);
-    cfg.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    if (ioctl(loop, LOOP_CONFIGURE, &cfg) == 0) return true;
-    if ((errno != ENOTTY && errno != EINVAL && errno != ENOSYS) || ioctl(loop, LOOP_SET_FD, file) != 0) return false;
-    if (ioctl(loop, LOOP_SET_STATUS64, &cfg.info) == 0) return true;
-    ioctl(loop, LOOP_CLR_FD, 0);
-    return false;
-}
-
-// argv behind KOR_TEST_EMULATOR ("qemu-arm -L /sysroot") when argv[0] is an
-// ELF built for the machine of this test (ours in a cross build, not a host
-// tool). LD_PRELOAD is meant for the emulated program: handed over with -E.
-std::vector<std::string> with_emulator(std::vector<std::string> argv, const std::map<std::string, std::string>& env)
-{
-    const char* e = std::getenv("KOR_TEST_EMULATOR");
+    const char *e = std::getenv("KOR_TEST_EMULATOR"), *preload = std::getenv("LD_PRELOAD");
     std::istringstream words(e ? e : "");
-    std::vector<std::string> out{std::istream_iterator<std::string>(words), {}};
+    Strings out{std::istream_iterator<std::string>(words), {}};
     char h[20] = {}, self[20] = {};
     std::ifstream(argv[0], std::ios::binary).read(h, sizeof h);
     std::ifstream("/proc/self/exe", std::ios::binary).read(self, sizeof self);
     if (out.empty() || std::memcmp(h, "\177ELF", 4) != 0 || std::memcmp(h + 18, self + 18, 2) != 0) return argv;
-    if (auto preload = env.find("LD_PRELOAD"); preload != env.end())
-        unsetenv("LD_PRELOAD"), out.insert(out.end(), {"-E", "LD_PRELOAD=" + preload->second});
+    if (preload) out.insert(out.end(), {"-E", "LD_PRELOAD=" + std::string(preload)}), unsetenv("LD_PRELOAD");
     out.insert(out.end(), argv.begin(), argv.end());
     return out;
 }
 
 }  // namespace
 
-bool available(std::string* why)
-{
-    if (!enter() && why) *why = g_why;
-    return g_entered;
-}
+bool available(std::string* why) { return enter() || (why && (*why = g_why).empty()); }
 
-std::string RunResult::log_text() const
-{
-    std::string s;
-    for (const auto& l : log) s += l.text;
-    return s;
-}
+std::string RunResult::log_text() const { std::string s; for (const auto& l : log) s += l.text; return s; }
 
 struct Device::Impl {
     int syslog_fd = -1, next_node = 0;
@@ -157,36 +114,30 @@ struct Device::Impl {
     std::map<int, std::pair<int, int>> children;  // pid: its stdout and stderr
 
     // Starts argv with stdin empty and stdout on a pipe or a pty.
-    int spawn(std::vector<std::string> argv, const RunOptions& o, bool is_kor)
+    int spawn(Strings argv, const Strings& args, const RunOptions& o)
     {
-        int out[2], err[2];
-        if (o.stdout_tty) {
-            out[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-            if (out[0] < 0 || grantpt(out[0]) != 0 || unlockpt(out[0]) != 0) die("pty");
-            if ((out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) < 0) die("pty slave");
-        } else {
-            check(pipe2(out, O_CLOEXEC), "pipe");
-        }
-        check(pipe2(err, O_CLOEXEC), "pipe");
+        bool is_kor = !argv.empty();  // kor itself, not a host tool
+        argv.insert(argv.end(), args.begin(), args.end());
+        int out[2] = {o.stdout_tty ? posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC) : -1, -1}, err[2];
+        if (o.stdout_tty) check(out[0] >= 0 && grantpt(out[0]) == 0 && unlockpt(out[0]) == 0, "pty");
+        if (o.stdout_tty) check((out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0, "pty slave");
+        check((o.stdout_tty || pipe2(out, O_CLOEXEC) == 0) && pipe2(err, O_CLOEXEC) == 0, "pipe");
         pid_t pid = fork();
-        if (pid < 0) die("fork");
+        check(pid >= 0, "fork");
         if (pid == 0) {
             dup2(open("/dev/null", O_RDONLY), 0), dup2(out[1], 1), dup2(err[1], 2);
             if (is_kor) unsetenv("KOR_PRODUCT"), unsetenv("KOR_PLATFORM");
             for (const auto& [k, v] : o.env) setenv(k.c_str(), v.c_str(), 1);
             sigset_t none;
-            sigemptyset(&none);
-            sigprocmask(SIG_SETMASK, &none, nullptr);
+            sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
             argv[0] = map_host_path(argv[0]);
-            argv = with_emulator(argv, o.env);
-            std::vector<char*> c;
-            for (auto& a : argv) c.push_back(a.data());
-            c.push_back(nullptr);
+            argv = with_emulator(argv);
+            std::vector<char*> c(argv.size() + 1);
+            std::transform(argv.begin(), argv.end(), c.begin(), [](std::string& a) { return a.data(); });
             execvp(c[0], c.data());
             _exit(127);
         }
-        close(out[1]);
-        close(err[1]);
+        close(out[1]), close(err[1]);
         children[pid] = {out[0], err[0]};
         return pid;
     }
@@ -194,23 +145,20 @@ struct Device::Impl {
 
 Device::Device() : impl_(new Impl)
 {
-    if (!enter()) die("sandbox not available: " + g_why);
-    for (const auto& [where, mode] :
-         {std::pair<std::string, std::string>{"/dev", "755"}, {"/tmp", "1777"}, {"/mnt", "755"}, {kWork, "755"}})
-        mount_tmpfs(where, mode);
-    mkdirs(kPrivate);
-    mkdirs("/dev/pts");
+    check(enter(), "sandbox not available: " + g_why);
+    for (const auto& [at, mode] : {std::pair<std::string, std::string>{"/dev", "755"}, {"/tmp", "1777"}, {"/mnt", "755"}, {kWork, "755"}})
+        mount_at("tmpfs", at, "tmpfs", "mode=" + mode);
+    check(mkdir(kPrivate.c_str(), 0755) == 0 && mkdir("/dev/pts", 0755) == 0, "mkdir");
     for (auto [name, minor] : {std::pair{"null", 3}, {"zero", 5}, {"urandom", 9}})
         make_node(std::string("/dev/") + name, S_IFCHR | 0666, makedev(1, minor));
-    check(mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666,mode=620"), "mount devpts");
-    check(symlink("pts/ptmx", "/dev/ptmx"), "symlink ptmx");
+    mount_at("devpts", "/dev/pts", "devpts", "newinstance,ptmxmode=0666,mode=620");
+    check(symlink("pts/ptmx", "/dev/ptmx") == 0, "symlink ptmx");
     sockaddr_un a{AF_UNIX, "/dev/log"};
-    impl_->syslog_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    check(bind(impl_->syslog_fd, reinterpret_cast<sockaddr*>(&a), sizeof a), "bind /dev/log");
-    int big = 1 << 20;
-    setsockopt(impl_->syslog_fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
+    int big = 1 << 20, fd = impl_->syslog_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    check(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0, "bind /dev/log");
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
     write_file(kPrivate + "/cmdline", "console=ttyS0\n");
-    check(mount((kPrivate + "/cmdline").c_str(), "/proc/cmdline", nullptr, MS_BIND, nullptr), "bind /proc/cmdline");
+    mount_at(kPrivate + "/cmdline", "/proc/cmdline", nullptr);
 }
 
 Device::~Device()
@@ -220,7 +168,6 @@ Device::~Device()
     closelog();  // the test process may have logged through this socket
     for (int fd : impl_->loop_fds) ioctl(fd, LOOP_CLR_FD, 0), close(fd);
     for (const std::string& m : {std::string("/dev"), std::string("/tmp"), kWork}) umount2(m.c_str(), MNT_DETACH);
-    delete impl_;
 }
 
 std::string Device::part(int n) { return "/dev/mmcblk0p" + std::to_string(n); }
@@ -229,62 +176,58 @@ std::string Device::workdir() const { return kWork; }
 
 void Device::with_default_layout(uint64_t part_size)
 {
-    for (int n : {3, 4, 5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18})
-        add_partition(n, n < 5 ? kHostconfigPartSize : part_size);
+    for (int n : {3, 4, 5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18}) add_partition(n, n < 5 ? kHostconfigPartSize : part_size);
 }
 
 void Device::add_partition(int n, uint64_t size) { add_block_device(part(n), {}, size); }
 
+// Binds a sparse file to a free loop device, cleared on last close.
 void Device::add_block_device(const std::string& path, const bytes& content, uint64_t size)
 {
     std::string backing = kPrivate + "/backing" + std::to_string(impl_->next_node++);
     int file = open(backing.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (file < 0) die("create " + backing);
-    check(ftruncate(file, off_t(std::max<uint64_t>(size, content.size()))), "truncate " + backing);
-    if (pwrite(file, content.data(), content.size(), 0) != ssize_t(content.size())) die("fill " + backing);
+    check(file >= 0 && ftruncate(file, off_t(std::max<uint64_t>(size, content.size()))) == 0, "create " + backing);
+    check(pwrite(file, content.data(), content.size(), 0) == ssize_t(content.size()), "fill " + backing);
+    loop_info64 info{};
+    info.lo_flags = LO_FLAGS_AUTOCLEAR;
     for (int attempt = 0; attempt < 200; attempt++) {
         int idx = ioctl(g_loop_control, LOOP_CTL_GET_FREE);
-        if (idx < 0) die("LOOP_CTL_GET_FREE");
+        check(idx >= 0, "LOOP_CTL_GET_FREE");
         std::string node = kPrivate + "/loop" + std::to_string(idx);
         make_node(node, S_IFBLK | 0600, makedev(7, unsigned(idx)));
         int loop = open(node.c_str(), O_RDWR | O_CLOEXEC);
         unlink(node.c_str());
-        if (loop < 0) continue;
-        if (!attach_loop(loop, file)) {
-            close(loop);  // taken by another test process meanwhile
-            continue;
+        if (loop >= 0 && ioctl(loop, LOOP_SET_FD, file) != 0) close(loop);  // taken by another test process meanwhile
+        else if (loop >= 0) {
+            check(ioctl(loop, LOOP_SET_STATUS64, &info) == 0, "LOOP_SET_STATUS64");
+            close(file), impl_->loop_fds.push_back(loop), mkdirs(path.substr(0, path.rfind('/')));
+            return make_node(path, S_IFBLK | 0600, makedev(7, unsigned(idx)));
         }
-        close(file);
-        impl_->loop_fds.push_back(loop);
-        mkdirs(path.substr(0, path.rfind('/')));
-        return make_node(path, S_IFBLK | 0600, makedev(7, unsigned(idx)));
     }
-    die("no free loop device");
+    check(false, "no free loop device");
 }
 
 bytes Device::read(const std::string& path, uint64_t offset, uint64_t length) const
 {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) die("open " + path);
     bytes b(length);
-    b.resize(size_t(std::max<ssize_t>(0, pread(fd, b.data(), length, off_t(offset)))));
-    close(fd);
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    check(fd >= 0, "open " + path);
+    b.resize(size_t(std::max<ssize_t>(0, pread(fd, b.data(), length, off_t(offset))))), close(fd);
     return b;
 }
 
 void Device::write(const std::string& path, uint64_t offset, const bytes& data) const
 {
     int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0 || pwrite(fd, data.data(), data.size(), off_t(offset)) != ssize_t(data.size())) die("write " + path);
-    fsync(fd);
-    close(fd);
+    check(fd >= 0 && pwrite(fd, data.data(), data.size(), off_t(offset)) == ssize_t(data.size()), "write " + path);
+    fsync(fd), close(fd);
 }
 
 // Rewrites in place, as the bind over /proc/cmdline follows the inode.
 void Device::write_file(const std::string& path, const std::string& text) const
 {
     mkdirs(path.substr(0, path.rfind('/')));
-    if (!std::ofstream(path, std::ios::binary).write(text.data(), std::streamsize(text.size()))) die("create " + path);
+    check(bool(std::ofstream(path, std::ios::binary).write(text.data(), std::streamsize(text.size()))), "create " + path);
 }
 
 std::string Device::read_file(const std::string& path) const
@@ -293,11 +236,7 @@ std::string Device::read_file(const std::string& path) const
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-bool Device::exists(const std::string& path) const
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
+bool Device::exists(const std::string& path) const { struct stat st; return lstat(path.c_str(), &st) == 0; }
 
 void Device::set_cmdline(const std::string& text) { write_file(kPrivate + "/cmdline", text); }
 
@@ -311,29 +250,21 @@ std::string Device::stage(const std::string& host_path)
 
 std::vector<LogLine> Device::take_log() { return take_datagrams(impl_->syslog_fd); }
 
-int Device::spawn_kor(const std::vector<std::string>& args, const RunOptions& o)
-{
-    std::vector<std::string> argv{KOR_BINARY};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return impl_->spawn(argv, o, true);
-}
+int Device::spawn_kor(const Strings& args, const RunOptions& o) { return impl_->spawn({KOR_BINARY}, args, o); }
 
 int Device::worker_pid(int parent_pid)
 {
-    std::string p = std::to_string(parent_pid);
     int pid = 0;
-    std::ifstream("/proc/" + p + "/task/" + p + "/children") >> pid;
+    std::ifstream("/proc/" + std::to_string(parent_pid) + "/task/" + std::to_string(parent_pid) + "/children") >> pid;
     return pid;
 }
 
 RunResult Device::wait(int pid, int timeout_ms)
 {
     RunResult r;
-    auto [out, err] = impl_->children[pid];
-    impl_->children.erase(pid);
+    auto [out, err] = impl_->children.extract(pid).mapped();
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     pollfd fds[3] = {{out, POLLIN, 0}, {err, POLLIN, 0}, {impl_->syslog_fd, POLLIN, 0}};
-    std::string* sink[2] = {&r.out, &r.err};
     int status = 0;
     bool exited = false, timed_out = false;
     // A pty reports no end of file: stop once the process is gone and nothing came.
@@ -341,37 +272,28 @@ RunResult Device::wait(int pid, int timeout_ms)
         exited = exited || waitpid(pid, &status, WNOHANG) == pid;
         if ((timed_out = std::chrono::steady_clock::now() > deadline)) {
             if (int w = worker_pid(pid); w > 0) kill(w, SIGKILL);
-            kill(pid, SIGKILL);
-            if (!exited) waitpid(pid, &status, 0);
+            if (!exited) kill(pid, SIGKILL), waitpid(pid, &status, 0);
             break;
         }
         poll(fds, 3, exited ? 50 : 10);
         got = false;
-        for (int i = 0; i < 2; i++) {
+        for (int i = 0; i < 2; i++) {  // poll leaves revents 0 for a closed (negative) fd
             char buf[65536];
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
             if (n <= 0) fds[i].fd = -1;
-            else got = true, sink[i]->append(buf, size_t(n));
+            else got = true, (i ? r.err : r.out).append(buf, size_t(n));
         }
         r.log = take_datagrams(impl_->syslog_fd, std::move(r.log));
     }
-    close(out);
-    close(err);
+    close(out), close(err);
     r.log = take_datagrams(impl_->syslog_fd, std::move(r.log));
-    if (!timed_out && WIFEXITED(status)) r.status = WEXITSTATUS(status);
-    if (!timed_out && WIFSIGNALED(status)) r.status = 128 + WTERMSIG(status);
+    if (!timed_out) r.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     return r;
 }
 
-RunResult Device::kor(const std::vector<std::string>& args, const RunOptions& o)
-{
-    return wait(spawn_kor(args, o), o.timeout_ms);
-}
+RunResult Device::kor(const Strings& args, const RunOptions& o) { return wait(spawn_kor(args, o)); }
 
-RunResult Device::run(const std::vector<std::string>& argv, const RunOptions& o)
-{
-    return wait(impl_->spawn(argv, o, false), o.timeout_ms);
-}
+RunResult Device::run(const Strings& argv, const RunOptions& o) { return wait(impl_->spawn({}, argv, o)); }
 
 }  // namespace sandbox

@@ -1,17 +1,14 @@
-// A private simulated device for tests that run kor or open device paths.
-//
-// The first Device moves the test process into a private mount namespace;
-// each Device mounts fresh tmpfs on /dev, /tmp and /mnt, so nothing a test
-// does is seen outside. Partitions /dev/mmcblk0pN are real block devices
-// (loop devices over sparse files, detached when the Device or the process
-// goes away). Syslog is read from a datagram socket bound at /dev/log, and a
-// file is bound over /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
+// A private simulated device for tests that run kor or open device paths. The first Device moves the test
+// process into a private mount namespace; each Device mounts fresh tmpfs on /dev, /tmp and /mnt. Partitions
+// /dev/mmcblk0pN are loop devices over sparse files; syslog is read from a datagram socket bound at /dev/log,
+// and a file is bound over /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,11 +17,8 @@ namespace sandbox {
 // True when loop devices and mount namespaces can be used; else `why` says what is missing.
 bool available(std::string* why);
 
-#define KOR_SANDBOX_OR_SKIP()                                   \
-    do {                                                        \
-        std::string why_;                                       \
-        if (!::sandbox::available(&why_)) GTEST_SKIP() << why_; \
-    } while (0)
+#define KOR_SANDBOX_OR_SKIP() \
+    do { if (std::string why_; !::sandbox::available(&why_)) GTEST_SKIP() << why_; } while (0)
 
 using bytes = std::vector<uint8_t>;
 
@@ -36,7 +30,6 @@ struct LogLine {
 struct RunOptions {
     bool stdout_tty = false;                 // stdout on a pseudo terminal
     std::map<std::string, std::string> env;  // extra environment (KOR_PRODUCT, ...)
-    int timeout_ms = 60000;                  // then kor (parent and worker) is killed
     RunOptions& tty(bool on = true) { stdout_tty = on; return *this; }
     RunOptions& set(const std::string& k, const std::string& v) { env[k] = v; return *this; }
 };
@@ -54,12 +47,9 @@ class Device {
 public:
     Device();
     ~Device();
-    Device(const Device&) = delete;
-    Device& operator=(const Device&) = delete;
 
-    // p3 and p4 (hostconfig) and 5-8, 11-18 of `part_size` bytes each.
-    void with_default_layout(uint64_t part_size = 4 << 20);
-    void add_partition(int n, uint64_t size);  // /dev/mmcblk0pN over a sparse file
+    void with_default_layout(uint64_t part_size = 4 << 20);  // p3, p4 (hostconfig); 5-8, 11-18 of `part_size`
+    void add_partition(int n, uint64_t size);                 // /dev/mmcblk0pN over a sparse file
     // Any other block device node (e.g. "/dev/mtd7") over a file with `content`.
     void add_block_device(const std::string& path, const bytes& content, uint64_t size = 0);
     static std::string part(int n);  // "/dev/mmcblk0pN"
@@ -72,20 +62,18 @@ public:
     void set_cmdline(const std::string& text);  // what kor reads as /proc/cmdline
 
     RunResult kor(const std::vector<std::string>& args, const RunOptions& o = {});
-    // Another program: argv[0] a path or a name found on PATH.
-    RunResult run(const std::vector<std::string>& argv, const RunOptions& o = {});
+    RunResult run(const std::vector<std::string>& argv, const RunOptions& o = {});  // argv[0]: a path or on PATH
     int spawn_kor(const std::vector<std::string>& args, const RunOptions& o = {});  // its pid
-    RunResult wait(int pid, int timeout_ms = 60000);
+    RunResult wait(int pid, int timeout_ms = 60000);  // then kor (parent and worker) is killed
     static int worker_pid(int parent_pid);  // kor's worker (child of `parent_pid`), 0 if none
 
     std::vector<LogLine> take_log();  // syslog datagrams received since the last call
-    // A copy of a host file (plugin, preload, image) kor can read; returns its path.
-    std::string stage(const std::string& host_path);
-    std::string workdir() const;  // for the test's own files, on the sandbox tmpfs
+    std::string stage(const std::string& host_path);  // a copy of a host file kor can read; its path
+    std::string workdir() const;                      // for the test's own files, on the sandbox tmpfs
 
 private:
     struct Impl;
-    Impl* impl_;
+    std::unique_ptr<Impl> impl_;  // also makes a Device move-only
 };
 
 }  // namespace sandbox
