@@ -1,14 +1,10 @@
-// kor killed at every device write of an install, a partset, a partinfo and
-// an activate, whole or torn, twice in a row, and a save whose blocks reach
-// the device in any subset. Afterwards a stored hostconfig still loads with
-// the newest or the previous record, the set active before still verifies,
-// and no set claims content that is not on its partition.
+// kor killed at any device write, whole or torn, twice in a row, and a save whose blocks reach the device in any
+// subset: the hostconfig loads the newest or the previous record, and the set active before still verifies.
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <functional>
 #include <set>
 #include <sstream>
 
@@ -28,8 +24,7 @@ constexpr int kKilled = 9 + 63;  // the parent's status for a worker killed by S
 
 uint32_t u32(const bytes& b, size_t at) { return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | uint32_t(b[at + 3]) << 24; }
 
-// Kernel, device tree and root of a few KB, none written header first:
-// verifying a set reads every partition as body only.
+// Kernel, device tree and root of a few KB, none written header first: verifying reads each partition as body only.
 std::string release(Device& d, uint16_t build)
 {
     std::string v = "1.0." + std::to_string(build), path = d.workdir() + "/r" + v + ".velk";
@@ -45,11 +40,7 @@ std::string release(Device& d, uint16_t build)
     return path;
 }
 
-void start(Device& d)  // release 1 installed into SET2, which is active
-{
-    d.with_default_layout(64 << 10);
-    ASSERT_EQ(d.kor({"install", release(d, 1), "2"}).status, 0);
-}
+void start(Device& d) { d.with_default_layout(64 << 10); ASSERT_EQ(d.kor({"install", release(d, 1), "2"}).status, 0); }
 
 // The "KOR data" of the copy kor loads (the primary when it passes every CRC, else the backup), or nothing.
 bytes record(const Device& d, bool backup_too = true)
@@ -64,14 +55,12 @@ bytes record(const Device& d, bool backup_too = true)
     return {};
 }
 
-// Entries some set lists whose recorded content (zlib CRC) is neither at
-// offset 0 of their partition nor behind the header.
+// Entries some set lists whose recorded content (zlib CRC) is neither at offset 0 of their partition nor behind the header.
 std::string missing_content(const Device& d, const bytes& kd)
 {
     std::set<int> listed;
-    for (size_t s = 0; s < 3 * 38 && !kd.empty(); s += 38)
-        for (size_t i = 0; i < 22; ++i)
-            if (kd[1 + s + 16 + i] < 22) listed.insert(kd[1 + s + 16 + i]);
+    for (size_t i = 0; i < 3 * 22 && !kd.empty(); ++i)  // the partition lists of the three sets
+        if (uint8_t p = kd[17 + i / 22 * 38 + i % 22]; p < 22) listed.insert(p);
     std::string missing;
     for (int p : listed) {
         size_t meta = 1832 + 64 * size_t(p);
@@ -83,25 +72,18 @@ std::string missing_content(const Device& d, const bytes& kd)
     return missing;
 }
 
-// The info report less the upgrade state lines, which come from the flags area.
-std::string info(Device& d, std::string text = "")
+struct State { bytes kd; std::string info; };  // the info less the upgrade state lines, which come from the flags
+
+State state(Device& d)
 {
-    if (text.empty()) {
-        sandbox::RunResult r = d.kor({"info"});
-        EXPECT_EQ(r.status, 0) << r.err;
-        text = r.out;
-    }
-    for (size_t at; (at = text.find("KOR Data Upgrade")) != std::string::npos;) text.erase(at, text.find('\n', at) + 1 - at);
-    return text;
+    sandbox::RunResult r = d.kor({"info"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    for (size_t at; (at = r.out.find("KOR Data Upgrade")) != std::string::npos;) r.out.erase(at, r.out.find('\n', at) + 1 - at);
+    return {record(d), r.out};
 }
 
-struct State {
-    bytes kd;
-    std::string info;
-};
-
 // Takes every byte a run may change; the result puts them back.
-std::function<void()> snapshot(const Device& d)
+auto snapshot(const Device& d)
 {
     std::vector<std::pair<int, bytes>> parts;
     for (int n : {3, 4, 5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18}) parts.push_back({n, d.read(Device::part(n), 0, 8192)});
@@ -112,8 +94,7 @@ std::function<void()> snapshot(const Device& d)
     };
 }
 
-// kor with the interposer, killed at device write `k` (0: never, and then
-// the device writes go to `writes`) after `torn` bytes of it (-1: whole).
+// kor killed at device write `k` (0: never, the writes go to `writes`) after `torn` bytes of it (-1: whole).
 int cut_run(Device& d, const Args& args, size_t k, long torn, Writes* writes = nullptr)
 {
     static std::string preload;
@@ -129,44 +110,43 @@ int cut_run(Device& d, const Args& args, size_t k, long torn, Writes* writes = n
     return status;
 }
 
-// Where to cut a write of n bytes: nothing, one byte, every block boundary, half, all but the last byte.
+// Where to cut a write of n bytes: all of it (-1), nothing, one byte, every block boundary, half, all but the last.
 std::vector<long> cuts(size_t n)
 {
-    std::set<long> c{0, 1, long(n / 2), long(n) - 1};
+    std::set<long> c{-1, 0, 1, long(n / 2), long(n) - 1};
     for (size_t b = kBlock; b < n; b += kBlock) c.insert(long(b));
-    return {c.lower_bound(0), c.lower_bound(long(n))};
+    return {c.begin(), c.lower_bound(long(n))};
 }
 
-// What is wrong after a cut run, "" for nothing. `ok`: the states that may
-// load (before, maybe released, after); `tested`: the new set 1 must carry its test mark.
-std::string damage(Device& d, const std::vector<State>& ok, bool tested)
+// What is wrong after a cut run, "" for nothing. `ok`: the states that may load; `tested`: the newest set 1
+// must carry its test mark; `lost`: counts the runs that lost the primary, which must find the newer record.
+std::string damage(Device& d, const State& now, const std::vector<State>& ok, bool tested, int* lost)
 {
-    State now{record(d), info(d)};
     auto any = [&](auto same) { return std::any_of(ok.begin(), ok.end(), same); };
     std::string why = any([&](const State& s) { return s.info == now.info; }) ? "" : "info neither old nor new; ";
     if (!any([&](const State& s) { return s.kd == now.kd; })) why += "stored record neither old nor new; ";
-    if (tested && now.kd == ok.back().kd && !(d.read(Device::part(3), kFlags, 1)[0] & 1)) why += "new set active without its test mark; ";
+    if (tested && now.kd == ok.back().kd && !(d.read(Device::part(3), kFlags, 1)[0] & 1))
+        why += "new set active without its test mark; ";
+    if (lost && record(d, false).empty() && (++*lost, now.kd == ok.front().kd))
+        why += "primary lost before the backup was new; ";
     if (d.kor({"verify", "2"}).status != 0) why += "set active before does not verify; ";
     return why + missing_content(d, now.kd);
 }
 
-TEST(Interrupt, EveryWriteOfInstallAndSaveCutWholeOrTorn)
+TEST(Interrupt, EveryWriteCutWholeOrTornThenTheNextSaveCutToo)
 {
     KOR_SANDBOX_OR_SKIP();
-    // Hundreds of kor runs, too slow under an emulator; the order of writes is the same on every target.
-    if (std::getenv("KOR_TEST_EMULATOR")) GTEST_SKIP() << "too slow under emulation";
-    const struct {
-        Args args;                  // "IMG" is release 2
-        bool over_release = false;  // release 3 in SET1 (not active) first
-    } scenarios[] = {
-        {{"install", "IMG", "1", "-test"}},
-        {{"install", "IMG", "1", "-noactivate"}},
-        {{"partset", "1", "SET1", "-refs=15,16,17", "-meta=1.0.9"}},
-        {{"partinfo", "19", "KNLS", "0x10000", "-pn=15", "-metacrc=7"}},
-        {{"activate", "0", "-f"}},  // SAFESET lists nothing to verify
-        {{"install", "IMG", "1"}, true},
+    if (std::getenv("KOR_TEST_EMULATOR")) GTEST_SKIP() << "hundreds of kor runs, too slow under emulation";
+    // "IMG" is release 2; `then` is cut at each of its writes after each cut of `args`; release 3 in SET1 first.
+    const struct { Args args, then; bool over_release = false; } scenarios[] = {
+        {{"install", "IMG", "1", "-test"}, {}},
+        {{"install", "IMG", "1", "-noactivate"}, {}},
+        {{"partset", "1", "SET1", "-refs=15,16,17", "-meta=1.0.9"}, {"partset", "1", "SETX", "-refs=16", "-meta=1.0.6"}},
+        {{"partinfo", "19", "KNLS", "0x10000", "-pn=15", "-metacrc=7"}, {}},
+        {{"activate", "0", "-f"}, {}},  // SAFESET lists nothing to verify
+        {{"install", "IMG", "1"}, {}, true},
     };
-    int runs = 0;
+    int runs = 0, lost = 0;
     for (const auto& s : scenarios) {
         SCOPED_TRACE(s.args[0] + " " + s.args.back());
         Device d;
@@ -175,101 +155,64 @@ TEST(Interrupt, EveryWriteOfInstallAndSaveCutWholeOrTorn)
         Args args = s.args;
         std::replace(args.begin(), args.end(), std::string("IMG"), release(d, 2));
         auto restore = snapshot(d);
-        std::vector<State> ok{{record(d), info(d)}};
+        std::vector<State> ok{state(d)};
         if (s.over_release) {  // killed after the save before the first partition write: the released record
             ASSERT_EQ(cut_run(d, args, 2, -1), kKilled);
-            ok.push_back({record(d), info(d)});
+            ok.push_back(state(d));
             restore();
         }
-        Writes w;
+        Writes w, w2;
         ASSERT_EQ(cut_run(d, args, 0, -1, &w), 0);
-        ok.push_back({record(d), info(d)});
+        ok.push_back(state(d));
+        ASSERT_TRUE(s.then.empty() || cut_run(d, s.then, 0, -1, &w2) == 0);
+        const State second = state(d);
         ASSERT_NE(ok.front().kd, ok.back().kd);
         ASSERT_GE(w.size(), 2u);
         for (size_t k = 1; k <= w.size(); ++k) {
-            std::vector<long> torn = cuts(w[k - 1].second);
-            torn.push_back(-1);
-            for (long t : torn) {
-                restore();
+            for (long t : cuts(w[k - 1].second)) {
+                restore(), ++runs;
                 EXPECT_EQ(cut_run(d, args, k, t), kKilled) << "write " << k << " not reached";
-                EXPECT_EQ(damage(d, ok, s.args.back() == "-test"), "")
+                State now = state(d);
+                EXPECT_EQ(damage(d, now, ok, s.args.back() == "-test", &lost), "")
                     << "cut at write " << k << " (" << w[k - 1].first << ", " << w[k - 1].second << " bytes) after " << t;
-                ++runs;
+                auto back = snapshot(d);
+                for (size_t j = 1; j <= w2.size(); ++j, back()) {
+                    EXPECT_EQ(cut_run(d, s.then, j, long(w2[j - 1].second / 2)), kKilled);
+                    EXPECT_EQ(damage(d, state(d), {now, second}, false, nullptr), "") << "then cut at write " << j;
+                }
             }
         }
     }
     EXPECT_GE(runs, 200);
+    EXPECT_GT(lost, 0);
 }
 
-// A torn primary, then the next save torn as well: the copy not being
-// written always holds the newest or the previous record.
-TEST(Interrupt, TwoFaultsInARowKeepALoadableCopy)
-{
-    KOR_SANDBOX_OR_SKIP();
-    Device d;
-    ASSERT_NO_FATAL_FAILURE(start(d));
-    const Args first = {"partset", "1", "SET1", "-refs=15", "-meta=1.0.5"},
-               second = {"partset", "1", "SETX", "-refs=16", "-meta=1.0.6"};
-    auto restore = snapshot(d);
-    Writes w1, w2;
-    bytes r0 = record(d);
-    ASSERT_EQ(cut_run(d, first, 0, -1, &w1), 0);
-    bytes r1 = record(d);
-    ASSERT_EQ(cut_run(d, second, 0, -1, &w2), 0);
-    bytes r2 = record(d);
-    ASSERT_EQ(w1.size(), 2u);
-    ASSERT_EQ(w2.size(), 2u);
-    ASSERT_EQ(w1[1].first, Device::part(3));  // the primary last
-    const std::string default_layout = info(d, d.read_file(KOR_SOURCE_DIR "/tests/golden/info_default.txt"));
-    int backup_loads = 0;
-    for (size_t second_cut : {1, 2}) {
-        for (long t : cuts(w1[1].second)) {
-            SCOPED_TRACE("primary torn after " + std::to_string(t) + ", second save cut at write " + std::to_string(second_cut));
-            restore();
-            ASSERT_EQ(cut_run(d, first, 2, t), kKilled);
-            bytes mid = record(d);
-            bool primary_lost = record(d, false).empty();
-            backup_loads += primary_lost;
-            EXPECT_TRUE(mid == r1 || (!primary_lost && mid == r0));
-            EXPECT_EQ(cut_run(d, second, second_cut, long(w2[second_cut - 1].second / 2)), kKilled);
-            EXPECT_TRUE(record(d) == mid || record(d) == r2);
-            EXPECT_NE(info(d), default_layout);
-        }
-    }
-    EXPECT_GT(backup_loads, 0);
-}
-
-// The save of an install (sets, partition entries, release and content
-// headers change, so the copies differ in several blocks): old copy, new
-// copy and every mix of their 512-byte blocks, as a device may hold them
-// when power fails before the write is flushed; the primary written last
-// after a good backup, or repaired first while the backup holds the old.
+// The save of an install (the copies differ in several blocks): old, new and every mix of their 512-byte blocks,
+// as a device may hold them when power fails before a flush; the primary written last after a good backup, or
+// repaired first while the backup holds the old.
 TEST(Interrupt, EverySubsetOfTheBlocksOfOneCopyLoadsOldOrNew)
 {
     KOR_SANDBOX_OR_SKIP();
     Device d;
     ASSERT_NO_FATAL_FAILURE(start(d));
-    bytes old_copy = d.read(Device::part(3), 0, kImageMax);
-    std::string info_old = info(d);
+    const size_t blocks = 7;
+    const bytes old_copy = d.read(Device::part(3), 0, blocks * kBlock), zero(old_copy.size(), 0);
+    const std::string info_old = state(d).info;
     ASSERT_EQ(d.kor({"install", release(d, 2), "1"}).status, 0);
-    bytes new_copy = d.read(Device::part(3), 0, kImageMax);
-    std::string info_new = info(d);
-    size_t blocks = (24 + u32(new_copy, 16) + kBlock - 1) / kBlock;
-    ASSERT_EQ(blocks, 7u);
-    old_copy.resize(blocks * kBlock);
-    new_copy.resize(blocks * kBlock);
-    const bytes zero(old_copy.size(), 0);
+    const bytes new_copy = d.read(Device::part(3), 0, blocks * kBlock);
+    const std::string info_new = state(d).info;
+    ASSERT_EQ((24 + u32(new_copy, 16) + kBlock - 1) / kBlock, blocks);
     std::set<std::pair<bytes, bytes>> seen;
-    for (auto [primary_before, backup] : {std::pair<const bytes*, const bytes*>{&old_copy, &new_copy}, {&zero, &old_copy}}) {
+    for (auto [primary_before, backup] :
+         {std::pair<const bytes*, const bytes*>{&old_copy, &new_copy}, {&zero, &old_copy}}) {
         for (unsigned mask = 0; mask < 1u << blocks; ++mask) {
             bytes primary = *primary_before;
             for (size_t b = 0; b < blocks; ++b)
                 if (mask >> b & 1) std::copy_n(&new_copy[b * kBlock], kBlock, &primary[b * kBlock]);
             if (!seen.insert({primary, *backup}).second) continue;  // same bytes as an earlier mix
-            SCOPED_TRACE((backup == &old_copy ? "primary repaired first, blocks " : "primary last, blocks ") + std::to_string(mask));
-            d.write(Device::part(3), 0, primary);
-            d.write(Device::part(4), 0, *backup);
-            std::string rep = info(d);
+            SCOPED_TRACE((backup == &old_copy ? "repaired first, blocks " : "primary last, blocks ") + std::to_string(mask));
+            d.write(Device::part(3), 0, primary), d.write(Device::part(4), 0, *backup);
+            std::string rep = state(d).info;
             EXPECT_TRUE(rep == info_old || rep == info_new) << rep;
         }
     }
