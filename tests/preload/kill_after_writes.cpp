@@ -1,16 +1,13 @@
-// Preloaded into kor by the interruption tests: counts the writes that reach
-// a device under /dev/ and kills the process at a chosen one.
+// Preloaded into kor by the interruption tests: counts the writes that reach a device under /dev/ and kills
+// the process at a chosen one.
 //   KOR_KILL_AFTER_WRITES=k  SIGKILL right after the k-th device write
 //   KOR_TORN_BYTES=b         ... which hands over only its first b bytes (-1: all)
 //   KOR_WRITE_LOG=path       append "path length" for every device write
-//   KOR_UNLINK_DELAY_MS=ms   sleep before removing a file named kor.lock, after
-//                            creating KOR_UNLINK_MARK: holds a run between its
-//                            unlock and the removal
-// glibc's stdio reaches the kernel through its internal write, which no
-// preload can replace, so a device stream opened with fopen is made
-// unbuffered and each fwrite on it is one write: what the process has handed
-// to the kernel when it dies is exactly what fwrite returned. The file is
-// built with the C library's own off_t so that pwrite and pwrite64 keep their names.
+//   KOR_UNLINK_DELAY_MS=ms   sleep before removing a file named kor.lock, after creating KOR_UNLINK_MARK
+// glibc's stdio reaches the kernel through its internal write, which no preload can replace, so a device stream
+// opened with fopen is made unbuffered and each fwrite on it is one write: what the process has handed to the
+// kernel when it dies is exactly what fwrite returned. Built with the C library's own off_t so that pwrite and
+// pwrite64 keep their names.
 #undef _FILE_OFFSET_BITS
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -27,53 +24,38 @@
 
 namespace {
 
-long g_count = 0, g_kill_after = -1, g_torn = -1;  // -1: never, whole
-const char* g_log = nullptr;
-bool g_ready = false;
+long g_count = 0;
 
-long env_number(const char* name)
-{
-    const char* v = std::getenv(name);
-    return v && *v ? std::strtol(v, nullptr, 10) : -1;
-}
+long env_number(const char* name) { const char* v = std::getenv(name); return v && *v ? std::atol(v) : -1; }
 
-// Called before a write of `length` bytes on `fd`: how many bytes to let
-// through, and whether to die after. Pipes, files, /dev/null and terminals
-// are not devices.
+// Before a write of `length` bytes on `fd`: how many bytes to let through, and whether to die after. Pipes,
+// files, /dev/null and terminals are not devices.
 size_t admit(int fd, size_t length, bool* die)
 {
-    if (!g_ready) {
-        g_ready = true, g_kill_after = env_number("KOR_KILL_AFTER_WRITES"), g_torn = env_number("KOR_TORN_BYTES");
-        g_log = std::getenv("KOR_WRITE_LOG");
-    }
+    static const long kill_after = env_number("KOR_KILL_AFTER_WRITES"), torn = env_number("KOR_TORN_BYTES");
+    static const char* log = std::getenv("KOR_WRITE_LOG");
     char link[64], path[256];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     ssize_t n = readlink(link, path, sizeof path - 1);
     path[n > 0 ? n : 0] = '\0';
     *die = false;
-    if (std::strncmp(path, "/dev/", 5) != 0 || std::strcmp(path, "/dev/null") == 0 || std::strncmp(path, "/dev/pts/", 9) == 0)
+    if (std::strncmp(path, "/dev/", 5) != 0 || !std::strcmp(path, "/dev/null") || !std::strncmp(path, "/dev/pts/", 9))
         return length;
-    if (g_log && *g_log) {
+    if (log && *log) {
         char line[300];
-        int logfd = int(syscall(SYS_open, g_log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        int logfd = int(syscall(SYS_open, log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
         (void)syscall(SYS_write, logfd, line, size_t(std::snprintf(line, sizeof line, "%s %zu\n", path, length)));
         (void)syscall(SYS_close, logfd);
     }
-    *die = ++g_count == g_kill_after;
-    return *die && g_torn >= 0 && size_t(g_torn) < length ? size_t(g_torn) : length;
+    *die = ++g_count == kill_after;
+    return *die && torn >= 0 && size_t(torn) < length ? size_t(torn) : length;
 }
 
-[[noreturn]] void die_now()
-{
-    raise(SIGKILL);  // the kernel keeps what was handed to it, as when a process is killed
-    _exit(137);
-}
+// The kernel keeps what was handed to it, as when a process is killed.
+[[noreturn]] void die_now() { raise(SIGKILL), _exit(137); }
 
 template <typename F>
-F* real(F*, const char* name)
-{
-    return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
+F* real(F*, const char* name) { return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name)); }
 
 // write, pwrite and pwrite64: the admitted bytes, then maybe death.
 template <typename F, typename... Offset>
@@ -90,41 +72,26 @@ ssize_t cut(F* next, int fd, const void* buf, size_t n, Offset... offset)
 
 extern "C" {
 
-ssize_t write(int fd, const void* buf, size_t n)
-{
-    static auto next = real(&write, "write");
-    return cut(next, fd, buf, n);
-}
+ssize_t write(int fd, const void* buf, size_t n) { return cut(real(&write, "write"), fd, buf, n); }
 
-ssize_t pwrite(int fd, const void* buf, size_t n, off_t at)
-{
-    static auto next = real(&pwrite, "pwrite");
-    return cut(next, fd, buf, n, at);
-}
+ssize_t pwrite(int fd, const void* buf, size_t n, off_t at) { return cut(real(&pwrite, "pwrite"), fd, buf, n, at); }
 
-ssize_t pwrite64(int fd, const void* buf, size_t n, off64_t at)
-{
-    static auto next = real(&pwrite64, "pwrite64");
-    return cut(next, fd, buf, n, at);
-}
+ssize_t pwrite64(int fd, const void* buf, size_t n, off64_t at) { return cut(real(&pwrite64, "pwrite64"), fd, buf, n, at); }
 
 ssize_t writev(int fd, const struct iovec* iov, int count)
 {
-    static auto next = real(&writev, "writev");
     size_t total = 0;
     for (int i = 0; i < count; i++) total += iov[i].iov_len;
     bool die = false;
     size_t pass = admit(fd, total, &die);
-    if (!die) return next(fd, iov, count);
-    static auto plain = real(&write, "write");  // the torn write: the first `pass` bytes, piece by piece
-    for (int i = 0; i < count && pass > 0; pass -= std::min(pass, iov[i].iov_len), i++)
-        (void)plain(fd, iov[i].iov_base, std::min(pass, iov[i].iov_len));
+    if (!die) return real(&writev, "writev")(fd, iov, count);
+    for (int i = 0; i < count && pass > 0; pass -= std::min(pass, iov[i].iov_len), i++)  // torn: piece by piece
+        (void)real(&write, "write")(fd, iov[i].iov_base, std::min(pass, iov[i].iov_len));
     die_now();
 }
 
 int unlink(const char* path)
 {
-    static auto next = real(&unlink, "unlink");
     long ms = env_number("KOR_UNLINK_DELAY_MS");
     const char *base = std::strrchr(path, '/'), *mark = std::getenv("KOR_UNLINK_MARK");
     if (ms > 0 && std::strcmp(base ? base + 1 : path, "kor.lock") == 0) {
@@ -132,13 +99,12 @@ int unlink(const char* path)
         for (timespec t{ms / 1000, (ms % 1000) * 1000000L}; nanosleep(&t, &t) != 0;) {
         }
     }
-    return next(path);
+    return real(&unlink, "unlink")(path);
 }
 
 FILE* fopen(const char* path, const char* mode)
 {
-    static auto next = real(&fopen, "fopen");
-    FILE* f = next(path, mode);
+    FILE* f = real(&fopen, "fopen")(path, mode);
     if (f && std::strncmp(path, "/dev/", 5) == 0 && std::strpbrk(mode, "wa+")) std::setvbuf(f, nullptr, _IONBF, 0);
     return f;
 }
@@ -147,11 +113,10 @@ FILE* fopen64(const char* path, const char* mode) { return fopen(path, mode); }
 
 size_t fwrite(const void* buf, size_t size, size_t count, FILE* f)
 {
-    static auto next = real(&fwrite, "fwrite");
     bool die = false;
     size_t pass = fileno(f) < 0 || size == 0 ? 0 : admit(fileno(f), size * count, &die);
-    if (!die) return next(buf, size, count, f);
-    if (pass > 0) (void)next(buf, 1, pass, f);
+    if (!die) return real(&fwrite, "fwrite")(buf, size, count, f);
+    if (pass > 0) (void)real(&fwrite, "fwrite")(buf, 1, pass, f);
     std::fflush(f);
     die_now();
 }
