@@ -1,8 +1,8 @@
-// URL installs in the sandbox: a release, the device it goes to and real servers
-// on 127.0.0.1. Start servers after the sandbox::Device: they run in its namespaces.
+// URL installs in the sandbox: a release, its device, servers on 127.0.0.1 (started after the Device: its namespaces).
 #pragma once
 
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,8 +14,7 @@ namespace servers {
 
 using strings = std::vector<std::string>;
 
-// A release header, a KORM for set 1's KNLS, ROOTS and APPLS and their software
-// parts, with random bodies of `sizes` bytes (64 at least).
+// A release header, a KORM for set 1's KNLS, ROOTS, APPLS and their software parts: random bodies of `sizes` (64+) bytes.
 struct Release {
     explicit Release(const std::vector<size_t>& sizes);
     std::string image;
@@ -26,21 +25,20 @@ struct Release {
 // A device with the default layout and the release in `file`.
 struct World {
     explicit World(const Release& r);
-    // kor install <source> 1 <args>: expects `status`, `error` in stderr and no
-    // password logged, then the bodies on set 1 or, after a refusal, no change.
-    sandbox::RunResult install(const std::string& source, int status = 0, const std::string& error = "",
-                               strings args = {});
+    // kor install <source> 1 <args>: `status`, `error` in stderr, no password logged, set 1's bodies or, refused, no change.
+    sandbox::RunResult install(const std::string& source, int status = 0, const std::string& error = "", strings args = {});
     std::vector<sandbox::bytes> state() const;  // set 1's KNLS, ROOTS, APPLS, then hostconfig
     const Release& rel;
     sandbox::Device dev;
     const std::string www, file;
 };
 
-struct Endpoint { std::string scheme; int port = 0; std::string url(const std::string& name) const; };
+struct Endpoint { std::string scheme; int port = 0;
+    std::string url(const std::string& name) const { return scheme + "://127.0.0.1:" + std::to_string(port) + "/" + name; }
+};
 
-// nginx ("http"; "https" with the certificate lines in `conf`, which its server
-// block gets) or anonymous vsftpd ("ftp") serving the world's www, with its files
-// in <workdir>/<scheme>, in a process group that is killed with it.
+// nginx ("http"; "https" with the certificate lines in `conf`, which its server block gets) or anonymous vsftpd ("ftp")
+// serving the world's www, with its files in <workdir>/<scheme>, in a process group that is killed with it.
 struct Daemon : Endpoint {
     struct Request { std::string range; uint64_t bytes; };  // Range header or "REST <offset>"; body bytes sent
     Daemon(const World& w, const std::string& scheme, const std::string& conf = "");
@@ -51,18 +49,25 @@ struct Daemon : Endpoint {
     int pid = 0;             // 0: not running
 };
 
-size_t count(const std::string& text, const std::string& what);  // how often `what` occurs
+inline size_t count(const std::string& text, const std::string& what, size_t n = 0)  // how often `what` occurs
+{
+    for (size_t at = 0; (at = text.find(what, at) + 1) != 0;) ++n;
+    return n;
+}
 
 // "HTTP/1.1 <status>" announcing `length` bytes (npos: the body's), then the first `sent` bytes of `body`.
-std::string response(const std::string& status, const std::string& body, size_t length = std::string::npos,
-                     size_t sent = std::string::npos);
+inline std::string response(const std::string& status, const std::string& body, size_t length = -1ul, size_t sent = -1ul)
+{
+    return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(length == -1ul ? body.size() : length) +
+           "\r\nConnection: close\r\n\r\n" + body.substr(0, sent);
+}
 
-// HTTP server in a thread: answers request i with responses[i] (the last for any
-// further), keeps the connection `stall_ms` more, closes it.
+// HTTP server in a thread: answers request i with responses[i] (the last for any further), stalls `stall_ms`, closes.
 struct Scripted : Endpoint {
-    explicit Scripted(strings responses, int stall_ms = 0);
+    explicit Scripted(strings r, int stall_ms = 0);
     ~Scripted() { ranges(), close(fd); }
-    strings ranges();  // Range header of each request ("" when none); stops the server
+    // Range header of each request ("" when none); stops the server (shutdown wakes accept).
+    strings ranges() { return thread.joinable() ? shutdown(fd, SHUT_RDWR), thread.join(), requests : requests; }
     void serve();
     strings responses, requests;
     int stall_ms, fd = -1;
