@@ -1,5 +1,4 @@
-// Hook resolution (a hook linked into the program is found, a plugin's functions are bound by name
-// and win, a plugin that does not load changes nothing) and a plugin's rebuild of the hostconfig.
+// Hook resolution (linked in, then bound by name from a plugin; a bad plugin changes nothing) and a plugin's hostconfig rebuild.
 #include <syslog.h>
 
 #include <cstdlib>
@@ -12,7 +11,7 @@
 
 extern "C" int kor_activate_hook_post(korl_data*, hostconfig*) { return 42; }  // as an integrator links one in
 
-TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWin)
+TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWinThenAPluginRebuildsTheHostconfig)
 {
     KOR_SANDBOX_OR_SKIP();
     sandbox::Device dev;
@@ -30,8 +29,7 @@ TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWin)
     EXPECT_TRUE(err.rfind(prefix, 0) == 0 && err.back() == '\n' && logged.size() == 1 && logged[0].priority == LOG_ERR &&
                 logged[0].text.find(prefix) != std::string::npos) << err;
     EXPECT_TRUE(before.activate_post(nullptr, nullptr) == 42 && before.install_post_write_out == none.install_post_write_out);
-    ASSERT_EQ(kor_plugin_load(KOR_PLUGIN_test_plugin), 0);
-    setenv("KOR_TEST_HOOK_LOG", log.c_str(), 1);
+    ASSERT_EQ(kor_plugin_load(KOR_PLUGIN_test_plugin) + setenv("KOR_TEST_HOOK_LOG", log.c_str(), 1), 0);
     install_ctx c{};
     korl_data d{};
     c.setidx = 2, c.received = 1234, d.actset = 1;
@@ -39,32 +37,23 @@ TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWin)
     h.install_hcfg_fail(&c, nullptr, -1), h.install_data_rcvd(&c), h.install_post_dl(&c, nullptr, 28, "timed out");
     h.install_pre_metainstall(&c, nullptr), h.install_pre_install(&c, nullptr), h.install_post_write_out(&c, nullptr);
     h.install_post_activate(&c, nullptr), h.install_on_failure(&c, nullptr, 3), h.activate_post(&d, nullptr);
-    EXPECT_EQ(dev.read_file(log), "kor_install_hook_hcfg_fail 2 -1\nkor_install_hook_data_rcvd 1234\n"
-              "kor_install_hook_post_dl 2 28 timed out\nkor_install_hook_pre_metainstall 2\nkor_install_hook_pre_install 2\n"
-              "kor_install_hook_post_write_out 2\nkor_install_hook_post_activate 2\nkor_install_hook_on_failure 2 3\n"
-              "kor_activate_hook_post 1\n");
+    EXPECT_EQ(dev.read_file(log), "kor_install_hook_hcfg_fail 2 -1\nkor_install_hook_data_rcvd 1234\nkor_install_hook_post_dl 2 28 timed out\n"
+              "kor_install_hook_pre_metainstall 2\nkor_install_hook_pre_install 2\nkor_install_hook_post_write_out 2\n"
+              "kor_install_hook_post_activate 2\nkor_install_hook_on_failure 2 3\nkor_activate_hook_post 1\n");
 #endif
-}
-
-// Both hostconfig copies lack "KOR data": only a plugin's hook, rebuilding it, lets the install go on.
-TEST(Hooks, RebuildHostconfigDuringInstall)
-{
-    KOR_SANDBOX_OR_SKIP();
-    sandbox::Device d;
-    d.with_default_layout();
-    d.write_file("/mnt/appl/.keep", "");
+    dev.with_default_layout();  // both hostconfig copies lack "KOR data": only a plugin's rebuild lets the install go on
+    dev.write_file("/mnt/appl/.keep", "");
     static hostconfig hc;
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_add_body(&hc, "alpha", 5, "A") +
               hostconfig_save(&hc, sandbox::Device::part(3).c_str(), sandbox::Device::part(4).c_str()) +
               hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_default(&hc) + hostconfig_save(&hc, HOSTCONFIG_DEFAULT_FILE, nullptr), 6);
     const auto img = mkvelk::build_image({mkvelk::release_header(1, 0, 1, 0, "b1", "products=dev1\n"),
         mkvelk::korm("2,KNLS,0,-,-,-,1.0.1,1\n"), mkvelk::software("kernel", 1, 0, 1, "k1", sandbox::bytes(1000, 0x5A))});
-    const std::string path = d.workdir() + "/img.velk", failed = "korl_hostconfig_import failed.\ninstall: hostcfg loading failed.\n";
-    d.write_file(path, std::string(img.begin(), img.end()));
-    auto r = d.kor({"install", path, "1"});
-    EXPECT_EQ(std::to_string(r.status) + r.err, "1" + failed + "rebuild_hostcfg: Not supported by this platform\n");
-    r = d.kor({"install", path, "1", "-plugin=" + d.stage(KOR_PLUGIN_rebuild_plugin)});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err.rfind(failed + "rebuild_hostcfg: Using /mnt/appl/hostcfg.default as initial hostconfig\n", 0), 0u) << r.err;
-    EXPECT_EQ(d.kor({"getpartset", "1", "-pif=pidx,pool,len_dec"}).out, "11,KNLS,1000\n") << "the rebuilt table was saved";
+    const std::string path = dev.workdir() + "/img.velk", failed = "korl_hostconfig_import failed.\ninstall: hostcfg loading failed.\n",
+                      rebuilt = failed + "rebuild_hostcfg: Using /mnt/appl/hostcfg.default as initial hostconfig\n";
+    dev.write_file(path, std::string(img.begin(), img.end()));
+    auto run = [&](std::vector<std::string> args) { const auto r = dev.kor(args); return std::to_string(r.status) + r.err; };
+    EXPECT_EQ(run({"install", path, "1"}), "1" + failed + "rebuild_hostcfg: Not supported by this platform\n");
+    EXPECT_EQ(run({"install", path, "1", "-plugin=" + dev.stage(KOR_PLUGIN_rebuild_plugin)}).substr(0, rebuilt.size() + 1), "0" + rebuilt);
+    EXPECT_EQ(dev.kor({"getpartset", "1", "-pif=pidx,pool,len_dec"}).out, "11,KNLS,1000\n") << "the rebuilt table was saved";
 }
