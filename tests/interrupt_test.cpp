@@ -97,11 +97,10 @@ auto snapshot(const Device& d)
 // kor killed at device write `k` (0: never, the writes go to `writes`) after `torn` bytes of it (-1: whole).
 int cut_run(Device& d, const Args& args, size_t k, long torn, Writes* writes = nullptr)
 {
-    static std::string preload;
-    if (!d.exists(preload)) preload = d.stage(KOR_PRELOAD_kill_after_writes);
-    const std::string log = d.workdir() + "/writes.log", asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
-    sandbox::RunOptions o;
-    o.set("LD_PRELOAD", preload).set("ASAN_OPTIONS", asan + ":verify_asan_link_order=0").set("KOR_WRITE_LOG", log);
+    const std::string log = d.workdir() + "/writes.log";
+    const char* asan = std::getenv("ASAN_OPTIONS");  // the preload comes before ASan's runtime
+    auto o = sandbox::RunOptions().set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes)).set("KOR_WRITE_LOG", log)
+        .set("ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0");
     if (k > 0) o.set("KOR_KILL_AFTER_WRITES", std::to_string(k)).set("KOR_TORN_BYTES", std::to_string(torn));
     unlink(log.c_str());
     int status = d.kor(args, o).status;

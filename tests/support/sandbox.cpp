@@ -32,10 +32,7 @@ const std::pair<std::string, std::string> kTrees[] = {{KOR_BUILD_DIR, "/run/kor/
 int g_loop_control = -1;
 std::string g_why;  // why the sandbox is not available
 
-void check(bool ok, const std::string& what)
-{
-    if (!ok) std::fprintf(stderr, "sandbox: %s: %s\n", what.c_str(), std::strerror(errno)), std::abort();
-}
+void check(bool ok, const std::string& what) { if (!ok) std::perror(("sandbox: " + what).c_str()), std::abort(); }
 
 void mkdirs(const std::string& path)
 {
@@ -50,7 +47,7 @@ void mount_at(const std::string& from, const std::string& at, const char* type, 
     check(mount(from.c_str(), at.c_str(), type, type ? 0 : MS_BIND, data.c_str()) == 0, "mount " + at);
 }
 
-void make_node(const std::string& p, mode_t mode, dev_t dev) { unlink(p.c_str()), check(mknod(p.c_str(), mode, dev) == 0, "mknod " + p); }
+void make_node(const std::string& p, mode_t m, dev_t dev) { unlink(p.c_str()), check(!mknod(p.c_str(), m, dev), "mknod " + p); }
 
 // Moves the process into a private mount namespace, once.
 bool enter()
@@ -58,7 +55,8 @@ bool enter()
     if (g_loop_control >= 0 || !g_why.empty()) return g_why.empty();
     if (geteuid() != 0) g_why = "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
     else if ((g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC)) < 0 || unshare(CLONE_NEWNS) != 0)
-        g_why = (g_loop_control < 0 ? "cannot open /dev/loop-control: " : "unshare(CLONE_NEWNS) failed: ") + std::string(std::strerror(errno));
+        g_why = std::string(g_loop_control < 0 ? "cannot open /dev/loop-control: " : "unshare(CLONE_NEWNS) failed: ")
+                + std::strerror(errno);
     if (!g_why.empty()) return false;
     check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
     mount_at("tmpfs", "/run", "tmpfs", "mode=755");
@@ -81,7 +79,7 @@ std::vector<LogLine> take_datagrams(int fd, std::vector<LogLine> lines = {})
     for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
         std::string d(buf, size_t(n));
         size_t k = d.find("KOR: "), gt = d[0] == '<' ? d.find('>') : std::string::npos;
-        lines.push_back({gt != std::string::npos ? std::atoi(&d[1]) & 7 : -1, d.substr(k != std::string::npos ? k + 5 : gt + 1)});
+        lines.push_back({gt == std::string::npos ? -1 : std::atoi(&d[1]) & 7, d.substr(k == d.npos ? gt + 1 : k + 5)});
     }
     return lines;
 }
@@ -130,8 +128,7 @@ struct Device::Impl {
             for (const auto& [k, v] : o.env) setenv(k.c_str(), v.c_str(), 1);
             sigset_t none;
             sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
-            argv[0] = map_host_path(argv[0]);
-            argv = with_emulator(argv);
+            argv[0] = map_host_path(argv[0]), argv = with_emulator(argv);
             std::vector<char*> c(argv.size() + 1);
             std::transform(argv.begin(), argv.end(), c.begin(), [](std::string& a) { return a.data(); });
             execvp(c[0], c.data());
@@ -146,7 +143,8 @@ struct Device::Impl {
 Device::Device() : impl_(new Impl)
 {
     check(enter(), "sandbox not available: " + g_why);
-    for (const auto& [at, mode] : {std::pair<std::string, std::string>{"/dev", "755"}, {"/tmp", "1777"}, {"/mnt", "755"}, {kWork, "755"}})
+    for (const auto& [at, mode] :
+         {std::pair<std::string, std::string>{"/dev", "755"}, {"/tmp", "1777"}, {"/mnt", "755"}, {kWork, "755"}})
         mount_at("tmpfs", at, "tmpfs", "mode=" + mode);
     check(mkdir(kPrivate.c_str(), 0755) == 0 && mkdir("/dev/pts", 0755) == 0, "mkdir");
     for (auto [name, minor] : {std::pair{"null", 3}, {"zero", 5}, {"urandom", 9}})
