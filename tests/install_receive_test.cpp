@@ -40,7 +40,7 @@ TEST(InstallReceive, PiecesSkipsAndRefusals)
         install_ctx ctx{};
         ctx.state = INSTALL_STATE_HEADER, ctx.data = &data, ctx.setidx = 1, ctx.options = &opts, ctx.curl = &hc, ctx.next_element = -1;
         ctx.buffer = buffer.data(), ctx.buffer_size = uint32_t(buffer.size()), ctx.range_mode = 1;
-        std::unique_ptr<velk_stream_parser, decltype(&velk_stream_parser_deinit)> p1(ctx.parser = velk_stream_parser_init(nullptr, ctx.buffer), velk_stream_parser_deinit);
+        const std::shared_ptr<velk_stream_parser> owner(ctx.parser = velk_stream_parser_init(nullptr, ctx.buffer), velk_stream_parser_deinit);
         uint32_t pos = 0, fed = 0, skips = 0;  // after a skip the next piece starts at the range offset, as a resumed transfer does
         testing::internal::CaptureStderr();
         for (uint32_t cut : cuts) {
