@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <tuple>
 
 #include "frontend/console.h"
@@ -28,15 +29,12 @@ std::string golden(const char* name)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// A VELK file of data parts, made by mkvelk: images kor would not make, and what kor should.
-bytes image_of(const parts_t& parts)
+bytes image_of(const parts_t& parts)  // a VELK file of data parts, made by mkvelk: what kor should make, and worse
 {
     std::vector<mkvelk::part> v;
     for (const auto& [name, body] : parts) v.push_back(mkvelk::data(name, body));
     return mkvelk::build_image(v);
 }
-
-std::string str(const bytes& b) { return std::string(b.begin(), b.end()); }
 
 // The part names of the stored image ("!": CRCs fail), with the actset of "KOR data"; "none" when undecodable.
 std::string stored(const sandbox::Device& dev, const std::string& path, hcdec::Image* out = nullptr)
@@ -64,35 +62,27 @@ void store(int actset, const std::vector<std::string>& paths, bool with_ab = fal
     for (const auto& p : paths) ASSERT_EQ(hostconfig_save(&hc, p.c_str(), nullptr), 1);
 }
 
-TEST(HostconfigContainer, AddGrowsByPaddedSizeWithinCapacityAndTwentyParts)
+TEST(HostconfigFiles, AddSaveLoadAndLookUp)
 {
+    KOR_SANDBOX_OR_SKIP();
     hostconfig hc;
     EXPECT_EQ(hostconfig_new(&hc, 5121), 0);
     std::vector<int> twenty_then_full(21, 1);
     twenty_then_full.back() = -1;
-    const struct { uint32_t capacity; std::vector<uint32_t> lengths; std::vector<int> results; uint32_t used; } rows[] = {
-        {5120, {5}, {1}, 64},     {5120, {1, 8, 3240}, {1, 1, 1}, 24 + 36 + 40 + 3272},
-        {64, {8}, {1}, 64},       {63, {8}, {-1}, 24},  // one byte over
-        {5120, {0}, {-1}, 24},    {5120, std::vector<uint32_t>(21, 4), twenty_then_full, 24 + 20 * 36},
-    };
-    const bytes body(3240, 0xAB);
-    for (const auto& r : rows) {
+    const struct { uint32_t capacity; std::vector<uint32_t> lengths; std::vector<int> results; uint32_t used; } adds[] = {
+        {5120, {1, 8, 3240}, {1, 1, 1}, 24 + 36 + 40 + 3272}, {64, {8}, {1}, 64}, {63, {8}, {-1}, 24}, {5120, {0}, {-1}, 24},
+        {5120, std::vector<uint32_t>(21, 4), twenty_then_full, 24 + 20 * 36}};
+    const bytes big_body(3240, 0xAB);
+    for (const auto& r : adds) {  // each body grows the image by its padded size, within the capacity and 20 parts
         ASSERT_EQ(hostconfig_new(&hc, r.capacity), 1);
         EXPECT_EQ(hc.used + uint32_t(hc.count), 24u);
         std::vector<int> got;
-        for (uint32_t n : r.lengths) got.push_back(hostconfig_add_body(&hc, body.data(), n, "x"));
-        EXPECT_EQ(got, r.results) << r.capacity;
-        EXPECT_EQ(hc.used, r.used) << r.capacity;
+        for (uint32_t n : r.lengths) got.push_back(hostconfig_add_body(&hc, big_body.data(), n, "x"));
+        EXPECT_EQ(std::pair(got, hc.used), std::pair(r.results, r.used)) << r.capacity;
     }
-}
-
-TEST(HostconfigFiles, SavedImageIsTheVelkFileLoadedBackOrRefused)
-{
-    KOR_SANDBOX_OR_SKIP();
     sandbox::Device dev;
     const std::string p = dev.workdir() + "/p";
     const parts_t parts = {{"A", {1, 2, 3, 4, 5}}, {"KOR data", bytes(3240, 0x5C)}, {"SIXTEEN-CHARS-NM", bytes(7, 9)}};
-    hostconfig hc;
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX), 1);
     for (const auto& [n, v] : parts) ASSERT_EQ(hostconfig_add_body(&hc, v.data(), uint32_t(v.size()), n.c_str()), 1);
     ASSERT_EQ(hostconfig_save(&hc, p.c_str(), nullptr), 1);
@@ -100,17 +90,17 @@ TEST(HostconfigFiles, SavedImageIsTheVelkFileLoadedBackOrRefused)
     EXPECT_EQ(good, image_of(parts));  // used bytes, byte for byte
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_load(&hc, p.c_str(), nullptr), 2);
     const std::pair<const char*, int> lookups[] = {  // the first part whose name begins so, at its offset
-        {"A", 24}, {"", 24}, {"KOR data", 64}, {"KOR", 64}, {"SIXTEEN-CHARS-NM", 3336}, {"SIXTEEN-CHARS-NMX", 0}, {"B", 0}};
+        {"A", 24}, {"", 24}, {"KOR", 64}, {"SIXTEEN-CHARS-NM", 3336}, {"SIXTEEN-CHARS-NMX", 0}, {"B", 0}};
     for (auto [name, at] : lookups) EXPECT_EQ(hostconfig_get_body(&hc, name), at ? hc.image + at + 32 : nullptr) << name;
     parts_t many;
     for (int i = 0; i < 21; i++) many.push_back({"P" + std::to_string(i), bytes(4, uint8_t(i))});
-    bytes damaged = good, big = good;
-    damaged[24 + 32 + 40 + 100] ^= 1, big.resize(5121);
-    const std::pair<bytes, int> loads[] = {  // damaged, 5121 bytes, no content part, 20 and 21 parts
-        {damaged, -1}, {big, -1}, {bytes(24, 0), -1}, {image_of(parts_t(many.begin(), many.end() - 1)), 1},
+    bytes damaged = good, big = good, padded = good;
+    damaged[24 + 32 + 40 + 100] ^= 1, big.resize(5121), padded.resize(5120);
+    const std::pair<bytes, int> loads[] = {  // damaged, 5121 bytes, 5120, no content part, 20 and 21 parts, short body
+        {damaged, -1}, {big, -1}, {padded, 1}, {bytes(24, 0), -1}, {image_of(parts_t(many.begin(), many.end() - 1)), 1},
         {image_of(many), -1}, {image_of({{"KOR data", bytes(3239, 1)}}), 1}};
     for (const auto& [image, want] : loads) {
-        dev.write_file(p, str(image));
+        dev.write_file(p, std::string(image.begin(), image.end()));
         EXPECT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_load(&hc, p.c_str(), nullptr), 1 + want) << image.size();
     }
     korl_data d;
@@ -120,19 +110,18 @@ TEST(HostconfigFiles, SavedImageIsTheVelkFileLoadedBackOrRefused)
 TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
 {
     KOR_SANDBOX_OR_SKIP();
-    const std::string deflt = golden("info_default.txt"), empty = "initialize: OK\n" + golden("info_empty.txt");
+    const std::string deflt = golden("info_default.txt"), empty = "initialize: OK\n" + golden("info_empty.txt"),
+                      crit = "5 critical part start: hostconfig_save called by ", end = "5 critical part end: hostconfig_save\n",
+                      init = crit + "initialize\n" + end + "6 initialize: OK\n", psave = crit + "partset\n" + end,
+                      backup = "7 hostconfig_load failed; loaded backup (/dev/mmcblk0p4) successfully.\n",
+                      bak_w = "hostconfig_load failed; loaded backup (W/bak.bin) successfully.\n";  // W: the workdir
     std::string set2 = deflt;
     set2.erase(set2.find("   ACTIVE SET"), 13);
     set2.insert(set2.find("\n", set2.find("  2  SET2")), "   ACTIVE SET");
-    const std::string backup = "7 hostconfig_load failed; loaded backup (/dev/mmcblk0p4) successfully.\n",
-                      init = "5 critical part start: hostconfig_save called by initialize\n"
-                             "5 critical part end: hostconfig_save\n6 initialize: OK\n",
-                      psave = "5 critical part start: hostconfig_save called by partset\n5 critical part end: hostconfig_save\n",
-                      bak_w = "hostconfig_load failed; loaded backup (W/bak.bin) successfully.\n";  // W: the workdir
     enum { none, good, damaged };
-    // The primary and backup written before (p3, p4; -cfg= file when cfg, -cfgbak= file when cfg is 2); the command
-    // before "info"; its stderr and info's output; the syslog lines of both naming the hostconfig; the files in the
-    // order they were written; what the primary and backup hold afterwards.
+    // The primary and backup written before (p3, p4; -cfg= file when cfg, -cfgbak= file when cfg is 2); the command before
+    // "info"; its stderr and info's output; the syslog lines of both naming the hostconfig; the files in the order written;
+    // what the primary and backup hold afterwards.
     const struct { const char* what; int primary, backup, cfg; const char* before; std::string out, log, stored; } rows[] = {
         {"never written", none, none, 0, "", deflt, "", "none |none "},
         {"primary", good, none, 0, "", set2, "", "KOR data(2) |none "},
@@ -147,40 +136,33 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
         {"neither good", damaged, damaged, 2, "partset 1 SET1", deflt, psave, "bak.bin hc.bin KOR data(0) |KOR data(0) "},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(r.what);
         sandbox::Device dev;
         dev.with_default_layout();
-        const std::string primary = r.cfg ? dev.workdir() + "/hc.bin" : kP3, bak = r.cfg > 1 ? dev.workdir() + "/bak.bin" : kP4;
-        for (auto [path, kind] : {std::pair{primary, r.primary}, {bak, r.backup}}) {
-            if (kind != none) store(2, {path});
-            if (kind == damaged) dev.write(path, 3000, {0xEE});
-        }
-        std::string out, log, order;
-        int in = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        ASSERT_GE(inotify_add_watch(in, dev.workdir().c_str(), IN_CLOSE_WRITE), 0);
-        for (std::string action : {std::string(r.before), std::string("info")}) {
-            std::vector<std::string> args = {r.cfg ? "-cfg=" + primary : "-dryrun", "-cfgbak=" + bak};
-            for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
-                args.push_back(action.substr(at, (end = action.find(' ', at)) - at));
-            if (r.cfg < 2) args.erase(args.begin() + 1);
+        const std::string w = dev.workdir(), primary = r.cfg ? w + "/hc.bin" : kP3, bak = r.cfg > 1 ? w + "/bak.bin" : kP4;
+        for (auto [path, kind] : {std::pair{primary, r.primary}, {bak, r.backup}})
+            if (kind != none) store(2, {path}), kind == damaged ? dev.write(path, 3000, {0xEE}) : void();
+        const int in = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(inotify_add_watch(in, w.c_str(), IN_CLOSE_WRITE), 0);
+        std::string got, log;
+        for (const std::string action : {r.before, "info"}) {
             if (action.empty()) continue;
-            sandbox::RunResult res = dev.kor(args);
-            EXPECT_EQ(res.status, 0);
-            out += action == "info" ? res.out : res.err;
+            std::istringstream words((r.cfg ? "-cfg=" + primary : "-dryrun") + (r.cfg > 1 ? " -cfgbak=" + bak : "") + " " + action);
+            sandbox::RunResult res = dev.kor({std::istream_iterator<std::string>(words), {}});
+            EXPECT_EQ(res.status, 0) << r.what;
+            got += action == "info" ? res.out : res.err;
             for (const auto& l : res.log)
                 if (l.text.find("hostconfig") != std::string::npos || l.text.find("initialize:") != std::string::npos)
                     log += std::to_string(l.priority) + " " + l.text;
         }
         alignas(inotify_event) char buf[4096];
-        for (ssize_t at = 0, n = read(in, buf, sizeof buf); at < n;) {
-            const auto* e = reinterpret_cast<const inotify_event*>(buf + at);
-            order += std::string(e->name) + " ";
-            at += ssize_t(sizeof *e + e->len);
-        }
+        auto event = [&buf](ssize_t at) { return reinterpret_cast<const inotify_event*>(buf + at); };
+        got += log;
+        for (ssize_t at = 0, n = read(in, buf, sizeof buf); at < n; at += ssize_t(sizeof(inotify_event) + event(at)->len))
+            got += event(at)->name + std::string(" ");
         close(in);
-        std::string got = out + log + order + stored(dev, primary) + "|" + stored(dev, bak);
-        for (size_t at; (at = got.find(dev.workdir())) != std::string::npos;) got.replace(at, dev.workdir().size(), "W");
-        EXPECT_EQ(got, r.out + r.log + r.stored);
+        got += stored(dev, primary) + "|" + stored(dev, bak);
+        for (size_t at; (at = got.find(w)) != std::string::npos;) got.replace(at, w.size(), "W");
+        EXPECT_EQ(got, r.out + r.log + r.stored) << r.what;
     }
 }
 
@@ -206,27 +188,21 @@ TEST(HostconfigDevice, SaveKeepsOtherBodiesAndEveryStoredFieldFlagsReadAndWritte
     for (const std::string& path : {kP3, kP4}) {
         hcdec::Image img;
         ASSERT_EQ(stored(dev, path, &img), "A B KOR data(2) ") << path;
-        EXPECT_EQ(str(img.parts[0].body) + str(img.parts[1].body), "alphabravo!");
-        EXPECT_EQ(hcdec::decode_kor_data(img.parts[2].body), golden("kor_data_fields.txt")) << path;
+        EXPECT_EQ(std::string(img.parts[0].body.begin(), img.parts[0].body.end()) +
+                      std::string(img.parts[1].body.begin(), img.parts[1].body.end()) +
+                      hcdec::decode_kor_data(img.parts[2].body), "alphabravo!" + golden("kor_data_fields.txt")) << path;
     }
-    const struct { uint8_t byte; int state; } reads[] = {{0x00, 0}, {0x02, 0}, {0x01, 1}, {0x03, 2}, {0xFD, 1}};
-    for (const auto& r : reads) {  // set 2's byte; set 0 has none, set 3 does not exist
-        dev.write(kP3, HOSTCONFIG_FLAGS_OFFSET, {0x00, r.byte});
-        EXPECT_EQ(std::make_tuple(get_upgrade_state(0), get_upgrade_state(2), get_upgrade_state(3)),
-                  std::make_tuple(0, r.state, -1)) << int(r.byte);
-    }
-    const struct { uint8_t before; int set, state, result; uint8_t after; const char* printed; } writes[] = {
-        {0x03, 1, 1, 0, 0x01, ""}, {0x01, 1, 1, 0, 0x01, ""}, {0xFD, 1, 0, 0, 0x00, ""}, {0x02, 2, 1, 0, 0x01, ""},
-        {0x03, 1, 2, 0, 0x03, ""}, {0x01, 1, 2, -1, 0x01, "cannot set state to 2, invalid"},
-        {0x00, 0, 1, -1, 0x00, ""}, {0x00, 0, 0, 0, 0x00, ""}};
-    for (const auto& w : writes) {  // the other byte stays
-        bytes before = {0x5A, 0x5A}, after = before;
-        before[w.set == 2] = w.before, after[w.set == 2] = w.after;
-        dev.write(kP3, HOSTCONFIG_FLAGS_OFFSET, before);
+    dev.write(kP3, HOSTCONFIG_FLAGS_OFFSET, {0xFD, 0x02});  // a state per bit: set 0 has none, there is no set 3
+    EXPECT_EQ(std::make_tuple(get_upgrade_state(0), get_upgrade_state(1), get_upgrade_state(2), get_upgrade_state(3)),
+              std::make_tuple(0, 1, 0, -1));
+    const struct { int set, state, result; bytes after; const char* printed; } writes[] = {  // the other byte stays
+        {1, 0, 0, {0x00, 0x02}, ""}, {2, 1, 0, {0x00, 0x01}, ""}, {2, 2, -1, {0x00, 0x01}, "cannot set state to 2, invalid"},
+        {0, 1, -1, {0x00, 0x01}, ""}};
+    for (const auto& w : writes) {
         testing::internal::CaptureStdout();
-        EXPECT_EQ(set_upgrade_state(w.set, w.state), w.result) << w.set << "/" << w.state;
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), w.printed);
-        EXPECT_EQ(dev.read(kP3, HOSTCONFIG_FLAGS_OFFSET, 2), after) << w.set << "/" << w.state;
+        const int result = set_upgrade_state(w.set, w.state);
+        EXPECT_EQ(std::make_tuple(result, testing::internal::GetCapturedStdout(), dev.read(kP3, HOSTCONFIG_FLAGS_OFFSET, 2)),
+                  std::make_tuple(w.result, std::string(w.printed), w.after)) << w.set << "/" << w.state;
     }
 }
 
