@@ -64,7 +64,7 @@ TEST(Korm, ModelMinimumVersionCidxMatchAndImport)
         std::memcpy(part.data(), &h, sizeof h), std::copy(row.body.begin(), row.body.end(), part.data() + sizeof(velk_release_header));
         EXPECT_EQ(korl_match_model(reinterpret_cast<velk_content_header*>(part.data()), row.model) == 1, row.match) << row.body << row.model;
     }
-    for (const auto& m : {std::array{1u, 2u, 3u, 1u}, {1, 3, 0, 0}, {0, 9, 999, 1}, {1, 2, 4, 0}, {1, 1, 65535, 1}, {256, 0, 0, 0}})
+    for (const auto& m : {std::array{1u, 2u, 3u, 1u}, {1, 3, 0, 0}, {1, 2, 4, 0}, {1, 1, 65535, 1}, {1, 2, 65536, 0}, {256, 0, 0, 0}})
         EXPECT_EQ(korl_check_minver(1, 2, 3, m[0], m[1], m[2]), int(m[3])) << m[0] << "." << m[1] << "-" << m[2];
     korm_element e[23]{}, *ptrs[23];
     for (int i = 0; i < 23; ++i) e[i].cidx = int8_t(i + 2), ptrs[i] = &e[i];
