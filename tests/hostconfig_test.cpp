@@ -62,23 +62,20 @@ void store(int actset, const std::vector<std::string>& paths, bool with_ab = fal
     for (const auto& p : paths) ASSERT_EQ(hostconfig_save(&hc, p.c_str(), nullptr), 1);
 }
 
-TEST(HostconfigFiles, AddSaveLoadAndLookUp)
+TEST(HostconfigFiles, AddSaveLoadLookUpAndFlags)
 {
     KOR_SANDBOX_OR_SKIP();
     hostconfig hc;
     EXPECT_EQ(hostconfig_new(&hc, 5121), 0);
-    std::vector<int> twenty_then_full(21, 1);
-    twenty_then_full.back() = -1;
-    const struct { uint32_t capacity; std::vector<uint32_t> lengths; std::vector<int> results; uint32_t used; } adds[] = {
-        {5120, {1, 8, 3240}, {1, 1, 1}, 24 + 36 + 40 + 3272}, {64, {8}, {1}, 64}, {63, {8}, {-1}, 24}, {5120, {0}, {-1}, 24},
-        {5120, std::vector<uint32_t>(21, 4), twenty_then_full, 24 + 20 * 36}};
+    const struct { uint32_t capacity; std::vector<uint32_t> lengths; std::string results; uint32_t used; } adds[] = {
+        {5120, {1, 8, 3240}, "+++", 24 + 36 + 40 + 3272}, {64, {8}, "+", 64}, {63, {8}, "-", 24}, {5120, {0}, "-", 24},
+        {5120, std::vector<uint32_t>(21, 4), std::string(20, '+') + "-", 24 + 20 * 36}};
     const bytes big_body(3240, 0xAB);
     for (const auto& r : adds) {  // each body grows the image by its padded size, within the capacity and 20 parts
         ASSERT_EQ(hostconfig_new(&hc, r.capacity), 1);
-        EXPECT_EQ(hc.used + uint32_t(hc.count), 24u);
-        std::vector<int> got;
-        for (uint32_t n : r.lengths) got.push_back(hostconfig_add_body(&hc, big_body.data(), n, "x"));
-        EXPECT_EQ(std::pair(got, hc.used), std::pair(r.results, r.used)) << r.capacity;
+        std::string got = std::to_string(hc.used + uint32_t(hc.count)) + " ";
+        for (uint32_t n : r.lengths) got += "-?+"[hostconfig_add_body(&hc, big_body.data(), n, "x") + 1];
+        EXPECT_EQ(got + " " + std::to_string(hc.used), "24 " + r.results + " " + std::to_string(r.used)) << r.capacity;
     }
     sandbox::Device dev;
     const std::string p = dev.workdir() + "/p";
@@ -89,9 +86,8 @@ TEST(HostconfigFiles, AddSaveLoadAndLookUp)
     const bytes good = dev.read(p, 0, 8192);
     EXPECT_EQ(good, image_of(parts));  // used bytes, byte for byte
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_load(&hc, p.c_str(), nullptr), 2);
-    const std::pair<const char*, int> lookups[] = {  // the first part whose name begins so, at its offset
-        {"A", 24}, {"", 24}, {"KOR", 64}, {"SIXTEEN-CHARS-NM", 3336}, {"SIXTEEN-CHARS-NMX", 0}, {"B", 0}};
-    for (auto [name, at] : lookups) EXPECT_EQ(hostconfig_get_body(&hc, name), at ? hc.image + at + 32 : nullptr) << name;
+    for (auto [name, at] : {std::pair{"KOR", 64}, {"SIXTEEN-CHARS-NM", 3336}, {"SIXTEEN-CHARS-NMX", 0}})  // a prefix
+        EXPECT_EQ(hostconfig_get_body(&hc, name), at ? hc.image + at + 32 : nullptr) << name;
     parts_t many;
     for (int i = 0; i < 21; i++) many.push_back({"P" + std::to_string(i), bytes(4, uint8_t(i))});
     bytes damaged = good, big = good, padded = good;
@@ -105,6 +101,39 @@ TEST(HostconfigFiles, AddSaveLoadAndLookUp)
     }
     korl_data d;
     EXPECT_EQ(korl_hostconfig_import(&d, &hc), -1);  // a short "KOR data": refused, not read past its end
+    dev.with_default_layout();  // saved: other bodies kept, every field stored; the flags read and written per bit
+    store(1, {kP3, kP4}, true);
+    kor_options o{};
+    kor_str_copy(o.cfg, sizeof o.cfg, kP3.c_str()), kor_str_copy(o.cfgbak, sizeof o.cfgbak, kP4.c_str());
+    hostconfig loaded;
+    ASSERT_EQ(load(&o, &d, &loaded), 1);
+    ASSERT_EQ(d.actset, 1);
+    ASSERT_EQ(korl_init(&d), 1);
+    partset_init(&d, 1, "FIFTEEN-CHARS-X+"), partinfo_init(&d, 21, "SIXTEEN-CHARS-PL", 0x9ABCDEF0, 0x12345678);
+    d.actset = 2, d.partset[1].bootable = 1, d.partset[1].refs[0] = 11, d.partset[1].refs[1] = 21;
+    kor_field_copy(d.partinfo[21].mountpnt, 32, "/mnt/x"), kor_field_copy(d.partinfo[21].fstype, 10, "squashfs12");
+    d.rhdr[2] = {3, 7, 0xBEEF, -5, "release-id"};
+    d.pinfometa[0] = {0xA1B2C3D4, 4, 64, 0x11223344, "KNL", 0x55667788, 1, 2, 0x3344, "sw-id"};
+    ASSERT_EQ(save_hostconfig(&o, &d, &loaded, "test"), 1);
+    for (const std::string& path : {kP3, kP4}) {
+        hcdec::Image img;
+        ASSERT_EQ(stored(dev, path, &img), "A B KOR data(2) ") << path;
+        EXPECT_EQ(std::string(img.parts[0].body.begin(), img.parts[0].body.end()) +
+                      std::string(img.parts[1].body.begin(), img.parts[1].body.end()) +
+                      hcdec::decode_kor_data(img.parts[2].body), "alphabravo!" + golden("kor_data_fields.txt")) << path;
+    }
+    dev.write(kP3, HOSTCONFIG_FLAGS_OFFSET, {0xFD, 0x02});  // a state per bit: set 0 has none, there is no set 3
+    EXPECT_EQ(std::make_tuple(get_upgrade_state(0), get_upgrade_state(1), get_upgrade_state(2), get_upgrade_state(3)),
+              std::make_tuple(0, 1, 0, -1));
+    const struct { int set, state, result; bytes after; const char* printed; } writes[] = {  // the other byte stays
+        {1, 0, 0, {0x00, 0x02}, ""}, {2, 1, 0, {0x00, 0x01}, ""}, {2, 2, -1, {0x00, 0x01}, "cannot set state to 2, invalid"},
+        {0, 1, -1, {0x00, 0x01}, ""}};
+    for (const auto& w : writes) {
+        testing::internal::CaptureStdout();
+        const int result = set_upgrade_state(w.set, w.state);
+        EXPECT_EQ(std::make_tuple(result, testing::internal::GetCapturedStdout(), dev.read(kP3, HOSTCONFIG_FLAGS_OFFSET, 2)),
+                  std::make_tuple(w.result, std::string(w.printed), w.after)) << w.set << "/" << w.state;
+    }
 }
 
 TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
@@ -113,8 +142,7 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
     const std::string deflt = golden("info_default.txt"), empty = "initialize: OK\n" + golden("info_empty.txt"),
                       crit = "5 critical part start: hostconfig_save called by ", end = "5 critical part end: hostconfig_save\n",
                       init = crit + "initialize\n" + end + "6 initialize: OK\n", psave = crit + "partset\n" + end,
-                      backup = "7 hostconfig_load failed; loaded backup (/dev/mmcblk0p4) successfully.\n",
-                      bak_w = "hostconfig_load failed; loaded backup (W/bak.bin) successfully.\n";  // W: the workdir
+                      lb = "hostconfig_load failed; loaded backup (", ok = ") successfully.\n";  // W: the workdir
     std::string set2 = deflt;
     set2.erase(set2.find("   ACTIVE SET"), 13);
     set2.insert(set2.find("\n", set2.find("  2  SET2")), "   ACTIVE SET");
@@ -125,14 +153,15 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
     const struct { const char* what; int primary, backup, cfg; const char* before; std::string out, log, stored; } rows[] = {
         {"never written", none, none, 0, "", deflt, "", "none |none "},
         {"primary", good, none, 0, "", set2, "", "KOR data(2) |none "},
-        {"backup", damaged, good, 0, "", set2, backup, "!KOR data(2)! |KOR data(2) "},
+        {"backup", damaged, good, 0, "", set2, "7 " + lb + kP4 + ok, "!KOR data(2)! |KOR data(2) "},
         {"both damaged", damaged, damaged, 0, "", deflt, "", "!KOR data(2)! |!KOR data(2)! "},
         {"initialize", none, none, 0, "initialize", empty, init, "KOR data(0) |KOR data(0) "},
         {"-cfg=, initialize", none, good, 1, "initialize", empty, init, "hc.bin KOR data(0) |KOR data(2) "},
         {"-cfg=, damaged", damaged, good, 1, "", deflt, "", "!KOR data(2)! |KOR data(2) "},  // not the backup's
         {"saved: backup first", good, good, 2, "partset 1 SET1", set2, psave, "bak.bin hc.bin KOR data(2) |KOR data(2) "},
-        {"loaded from backup: primary first", damaged, good, 2, "partset 1 SET1", bak_w + set2, "7 " + bak_w + psave,
-         "hc.bin bak.bin KOR data(2) |KOR data(2) "},
+        {"loaded from backup: primary first", damaged, good, 2, "partset 1 SET1", lb + "W/bak.bin" + ok + set2,
+         "7 " + lb + "W/bak.bin" + ok + psave,
+"hc.bin bak.bin KOR data(2) |KOR data(2) "},
         {"neither good", damaged, damaged, 2, "partset 1 SET1", deflt, psave, "bak.bin hc.bin KOR data(0) |KOR data(0) "},
     };
     for (const auto& r : rows) {
@@ -163,46 +192,6 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
         got += stored(dev, primary) + "|" + stored(dev, bak);
         for (size_t at; (at = got.find(w)) != std::string::npos;) got.replace(at, w.size(), "W");
         EXPECT_EQ(got, r.out + r.log + r.stored) << r.what;
-    }
-}
-
-TEST(HostconfigDevice, SaveKeepsOtherBodiesAndEveryStoredFieldFlagsReadAndWrittenAsTheByteSays)
-{
-    KOR_SANDBOX_OR_SKIP();
-    sandbox::Device dev;
-    dev.with_default_layout();
-    store(1, {kP3, kP4}, true);
-    kor_options o{};
-    kor_str_copy(o.cfg, sizeof o.cfg, kP3.c_str()), kor_str_copy(o.cfgbak, sizeof o.cfgbak, kP4.c_str());
-    korl_data d;
-    hostconfig loaded;
-    ASSERT_EQ(load(&o, &d, &loaded), 1);
-    ASSERT_EQ(d.actset, 1);
-    ASSERT_EQ(korl_init(&d), 1);
-    partset_init(&d, 1, "FIFTEEN-CHARS-X+"), partinfo_init(&d, 21, "SIXTEEN-CHARS-PL", 0x9ABCDEF0, 0x12345678);
-    d.actset = 2, d.partset[1].bootable = 1, d.partset[1].refs[0] = 11, d.partset[1].refs[1] = 21;
-    kor_field_copy(d.partinfo[21].mountpnt, 32, "/mnt/x"), kor_field_copy(d.partinfo[21].fstype, 10, "squashfs12");
-    d.rhdr[2] = {3, 7, 0xBEEF, -5, "release-id"};
-    d.pinfometa[0] = {0xA1B2C3D4, 4, 64, 0x11223344, "KNL", 0x55667788, 1, 2, 0x3344, "sw-id"};
-    ASSERT_EQ(save_hostconfig(&o, &d, &loaded, "test"), 1);
-    for (const std::string& path : {kP3, kP4}) {
-        hcdec::Image img;
-        ASSERT_EQ(stored(dev, path, &img), "A B KOR data(2) ") << path;
-        EXPECT_EQ(std::string(img.parts[0].body.begin(), img.parts[0].body.end()) +
-                      std::string(img.parts[1].body.begin(), img.parts[1].body.end()) +
-                      hcdec::decode_kor_data(img.parts[2].body), "alphabravo!" + golden("kor_data_fields.txt")) << path;
-    }
-    dev.write(kP3, HOSTCONFIG_FLAGS_OFFSET, {0xFD, 0x02});  // a state per bit: set 0 has none, there is no set 3
-    EXPECT_EQ(std::make_tuple(get_upgrade_state(0), get_upgrade_state(1), get_upgrade_state(2), get_upgrade_state(3)),
-              std::make_tuple(0, 1, 0, -1));
-    const struct { int set, state, result; bytes after; const char* printed; } writes[] = {  // the other byte stays
-        {1, 0, 0, {0x00, 0x02}, ""}, {2, 1, 0, {0x00, 0x01}, ""}, {2, 2, -1, {0x00, 0x01}, "cannot set state to 2, invalid"},
-        {0, 1, -1, {0x00, 0x01}, ""}};
-    for (const auto& w : writes) {
-        testing::internal::CaptureStdout();
-        const int result = set_upgrade_state(w.set, w.state);
-        EXPECT_EQ(std::make_tuple(result, testing::internal::GetCapturedStdout(), dev.read(kP3, HOSTCONFIG_FLAGS_OFFSET, 2)),
-                  std::make_tuple(w.result, std::string(w.printed), w.after)) << w.set << "/" << w.state;
     }
 }
 
