@@ -44,9 +44,10 @@ TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWinThenAPluginRebuildsTheHostcon
     dev.with_default_layout();  // both hostconfig copies lack "KOR data": only a plugin's rebuild lets the install go on
     dev.write_file("/mnt/appl/.keep", "");
     static hostconfig hc;
-    ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_add_body(&hc, "alpha", 5, "A") +
-              hostconfig_save(&hc, sandbox::Device::part(3).c_str(), sandbox::Device::part(4).c_str()) +
-              hostconfig_new(&hc, HOSTCONFIG_MAX) + hostconfig_default(&hc) + hostconfig_save(&hc, HOSTCONFIG_DEFAULT_FILE, nullptr), 6);
+    ASSERT_TRUE(hostconfig_new(&hc, HOSTCONFIG_MAX) == 1 && hostconfig_add_body(&hc, "alpha", 5, "A") == 1 &&
+                hostconfig_save(&hc, sandbox::Device::part(3).c_str(), sandbox::Device::part(4).c_str()) == 1 &&
+                hostconfig_new(&hc, HOSTCONFIG_MAX) == 1 && hostconfig_default(&hc) == 1 &&
+                hostconfig_save(&hc, HOSTCONFIG_DEFAULT_FILE, nullptr) == 1);
     const auto img = mkvelk::build_image({mkvelk::release_header(1, 0, 1, 0, "b1", "products=dev1\n"),
         mkvelk::korm("2,KNLS,0,-,-,-,1.0.1,1\n"), mkvelk::software("kernel", 1, 0, 1, "k1", sandbox::bytes(1000, 0x5A))});
     const std::string path = dev.workdir() + "/img.velk", failed = "korl_hostconfig_import failed.\ninstall: hostcfg loading failed.\n",
