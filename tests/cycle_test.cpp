@@ -16,7 +16,6 @@ using sandbox::bytes, sandbox::Device;
 
 uint32_t crc(const bytes& b) { return static_cast<uint32_t>(::crc32(0, b.data(), b.size())); }
 
-// A device of the default layout; `m` starts as the default records.
 struct Fixture {
     Device dev;
     korl_data m{};
@@ -28,19 +27,16 @@ struct Fixture {
         EXPECT_TRUE(korl_init(&m) == 1 && hostconfig_new(&hc, HOSTCONFIG_MAX) == 1 && hostconfig_default(&hc) == 1 &&
                     korl_hostconfig_import(&m, &hc) == 1);
     }
-    // Records content for entry idx and writes it, one byte flipped unless `good`, its header in front if asked.
+    // Content for entry idx, recorded in `m`: one byte flipped unless `good`, its header in front if asked.
     void install(int idx, bool good = true, bool header_first = false)
     {
         bytes body(3000, static_cast<uint8_t>(idx));
-        korl_pinfometa& p = m.pinfometa[idx];
-        p = {0, 0, static_cast<uint16_t>(header_first ? 64 : 0), 3000, {}, crc(body), 0, 0, 0, {}};
-        std::snprintf(p.name, sizeof p.name, "content%d", idx);
+        auto& p = m.pinfometa[idx] = {0, 0, uint16_t(header_first ? 64 : 0), 3000, {}, crc(body), 0, 0, 0, {}};
         body[100] ^= good ? 0 : 0xFF;
         if (header_first) body.insert(body.begin(), reinterpret_cast<uint8_t*>(&p), reinterpret_cast<uint8_t*>(&p + 1));
         dev.write(Device::part(m.partinfo[idx].pn), 0, body);
     }
-    // Runs kor (words split at spaces) with the test plugin logging its hooks, from the state "A.F.G": the
-    // active set and the upgrade flags bytes at 0x3FE00 and 0x3FE01; `m` is stored unless `blank`.
+    // kor with the hook-logging plugin from state "A.F.G" (active set, flag bytes); `m` stored unless `blank`.
     sandbox::RunResult run(const std::string& args, const std::string& s, bool blank = false)
     {
         m.actset = static_cast<uint8_t>(s[0] - '0');
@@ -56,9 +52,8 @@ struct Fixture {
     }
 };
 
-// The state after the run, the exit status, ":", stdout, stderr and what the activate hook logged (its result 7 is
-// ignored), from `before`. set1: -1 nothing stored, 0 the defaults, 1 refs 11 and 12 good, 2 entry 12 damaged, 3 entry
-// 12 empty. activeset: the active set file ("": none).
+// State after, status, ":", stdout, stderr, activate hook log (its result 7 is ignored), from `before`. set1: 0 the
+// defaults, 1 refs 11 and 12 good, 2 entry 12 damaged, 3 entry 12 empty. activeset: the active set file ("": none).
 TEST(Cycle, ActivateUpgradeAndVerify)
 {
     KOR_SANDBOX_OR_SKIP();
@@ -91,9 +86,9 @@ TEST(Cycle, ActivateUpgradeAndVerify)
         if (*c.actset) f.dev.write_file("/tmp/kor.activeset", c.actset);
         if (c.set1 > 0) f.m.partset[1].refs[0] = 11, f.m.partset[1].refs[1] = 12, f.install(11);
         if (c.set1 == 1 || c.set1 == 2) f.install(12, c.set1 == 1);
-        sandbox::RunResult r = f.run(c.args, c.before, c.set1 < 0);
-        const std::string hook = f.dev.exists(f.hooks) ? f.dev.read_file(f.hooks) : "";
-        EXPECT_EQ(f.after + " " + std::to_string(r.status) + ":" + r.out + r.err + hook, c.expect) << c.args;
+        sandbox::RunResult r = f.run(c.args, c.before);
+        EXPECT_EQ(f.after + " " + std::to_string(r.status) + ":" + r.out + r.err + f.dev.read_file(f.hooks), c.expect)
+            << c.args;
     }
     const std::string check = "CRC32 content check: ", dis = check + "DISPARITY\n", pool = "  Belongs to pool ",
                       ws = "\n             ", d = " have a disparity between" + ws + "calculated and hostconfig recorded",
@@ -101,8 +96,7 @@ TEST(Cycle, ActivateUpgradeAndVerify)
                       single = "WARNING: 1/4 singleton pools" + d + " " + crcs,
                       active = ws.substr(1) + "AT LEAST ONE OF THESE SINGLETONS IS PART OF THE ACTIVE SET" + ws +
                                "DO NOT REBOOT UNTIL THIS ISSUE HAS BEEN FIXED!\n";
-    // Set 1 lists 11; 12 has its header in front, 13 no recorded CRC. bad: a damaged entry (in the active set if in_active),
-    // -2: a fresh device without hostconfig. out: a part of the listing (with a set argument: the end of the report).
+    // Set 1 lists 11; 12 has its header in front, 13 no CRC. bad: a damaged entry, -2: no hostconfig stored.
     const struct { const char* args; int bad; bool in_active; int status; std::string out, err; } checks[] = {
         {"verify", -2, false, 0, "  9  Not handled by KOR\n 10  Not handled by KOR\n 11  Nothing installed\n", ""},
         {"verify", 11, false, 0, " 11" + pool + "KNLS             " + dis, multi},
@@ -120,10 +114,9 @@ TEST(Cycle, ActivateUpgradeAndVerify)
             if (i != 5 || c.bad == 5) f.install(i, i != c.bad, i == 12);
         f.m.pinfometa[13].body_crc = 0;
         sandbox::RunResult r = f.run(c.args, "0.0.0", c.bad == -2);
-        const size_t at = r.out.rfind(c.out), whole = std::string(c.args) != "verify";
-        const bool found = at != std::string::npos && (!whole || at + c.out.size() == r.out.size());
+        const bool found = r.out.find(c.out) != std::string::npos, warned = r.out.find(active) != std::string::npos;
         EXPECT_EQ(std::to_string(r.status) + (found ? "" : r.out) + (r.out.empty() ? "-" : "") + r.err +
-                      (r.out.find(active) != std::string::npos ? "!" : ""),
+                      (warned ? "!" : ""),
                   std::to_string(c.status) + (c.out.empty() ? "-" : "") + c.err + (c.in_active ? "!" : "")) << c.args;
     }
 }
@@ -138,31 +131,27 @@ bytes header(uint8_t version, uint16_t length = 64, uint32_t body_crc = crc(kBod
     const uint32_t hcrc = static_cast<uint32_t>(::crc32(0, &h[4], length - 4u)) ^ crc_flip;
     return std::memcpy(&h[0], &hcrc, 4), h;
 }
-bytes flash(std::vector<std::pair<size_t, bytes>> placed)
-{
-    bytes f(4096, 0xFF);
-    std::copy(kBody.begin(), kBody.end(), f.begin());
-    for (const auto& [at, b] : placed) std::copy(b.begin(), b.end(), f.begin() + at);
-    return f;
-}
 
 TEST(Cycle, Rebuild)
 {
     KOR_SANDBOX_OR_SKIP();
     const char* knl = "KNL-SAFE";  // version -1: not found
-    const struct { const char* what; bytes device; uint32_t size; int version; } cases[] = {
-        {"short device", flash({{1027, header(2)}}), 0x200000, 2},
-        {"bad header crc first", flash({{1024, header(3, 64, crc(kBody), 1)}, {2049, header(4)}}), 4096, 4},
-        {"bad body crc", flash({{1024, header(5, 64, 0x1234)}}), 4096, -1},
-        {"name too close to start", flash({{5, bytes(knl, knl + 8)}}), 4096, -1},
-        {"last fitting position", flash({{4096 - 65, header(6)}}), 4096, 6},
-        {"too close to the end", flash({{4096 - 64, header(7)}}), 4096, -1},
-        {"header longer than kept", flash({{1024, header(8, 76)}}), 4096, -1},
+    const struct { const char* what; std::vector<std::pair<size_t, bytes>> placed; uint32_t size; int version; }
+        cases[] = {
+        {"short device", {{1027, header(2)}}, 0x200000, 2},
+        {"bad header crc first", {{1024, header(3, 64, crc(kBody), 1)}, {2049, header(4)}}, 4096, 4},
+        {"bad body crc", {{1024, header(5, 64, 0x1234)}}, 4096, -1},
+        {"name too close to start", {{5, bytes(knl, knl + 8)}}, 4096, -1},
+        {"last fitting position", {{4096 - 65, header(6)}}, 4096, 6},
+        {"too close to the end", {{4096 - 64, header(7)}}, 4096, -1},
+        {"header longer than kept", {{1024, header(8, 76)}}, 4096, -1},
     };
     for (const auto& c : cases) {
-
+        bytes flash(4096, 0xFF);
+        std::copy(kBody.begin(), kBody.end(), flash.begin());
+        for (const auto& [at, b] : c.placed) std::copy(b.begin(), b.end(), flash.begin() + at);
         Device dev;
-        dev.add_block_device("/dev/mtd7", c.device);
+        dev.add_block_device("/dev/mtd7", flash);
         korl_data m{};
         testing::internal::CaptureStderr();
         const std::string got = std::to_string(rebuild_meta(&m, knl, 7, c.size));

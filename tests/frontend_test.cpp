@@ -13,7 +13,7 @@
 
 namespace {
 
-std::vector<std::string> words(std::string s)
+std::vector<std::string> words(const std::string& s)
 {
     std::istringstream in(s);
     return {std::istream_iterator<std::string>(in), {}};
@@ -26,8 +26,7 @@ std::string logs(const std::vector<sandbox::LogLine>& log)  // "priority text" p
 // "cfg,cfgbak,velksize,meta,product,platform,rewrite..r,*_set,minver,iptos:words" ("!": no null after the words).
 std::string parse(const std::string& args)
 {
-    static std::vector<std::string> kept;
-    kept = words("kor " + args);
+    std::vector<std::string> kept = words("kor " + args);
     std::vector<char*> argv;
     for (auto& a : kept) argv.push_back(a.data());
     kor_options o;
@@ -44,7 +43,7 @@ std::string parse(const std::string& args)
 
 // Each row: arguments, "status|stdout|stderr|syslog" or only the message of a refusal (status 1, on stderr and at
 // LOG_ERR, at LOG_CRIT when about the environment), set-up: "tty", "lock" held by the test, VAR=value.
-TEST(Frontend, OptionsStatusesMessagesLockAndSyslog)
+TEST(Frontend, OptionsStatusesMessagesLockSignalsAndSyslog)
 {
     KOR_SANDBOX_OR_SKIP();
     sandbox::Device d;  // parse messages and critical-region notes reach the sandbox's syslog only
@@ -102,29 +101,21 @@ TEST(Frontend, OptionsStatusesMessagesLockAndSyslog)
                   m[1] == '|' ? m : "1||" + m + "|" + (m.rfind("KOR_", 0) ? "3 " : "2 ") + m);
         EXPECT_TRUE(lock >= 0 || !d.exists("/tmp/kor.lock"));  // a run that got the lock removes it
     }
-    close(lock);
-}
-
-#ifdef KOR_PLUGIN_slow_plugin
-TEST(Frontend, SignalsAreLoggedAndIgnored)
-{
-    KOR_SANDBOX_OR_SKIP();
-    sandbox::Device d;
+    close(lock);  // then signals: logged by parent and worker and ignored, but SIGKILL of the worker
     const std::string plugin = "-plugin=" + d.stage(KOR_PLUGIN_slow_plugin), mark = d.workdir() + "/started";
-    const auto o = sandbox::RunOptions().set("KOR_TEST_SLOW_MARK", mark);
-    const struct { int signo; bool to_worker; int status; const char* logged; } rows[] = {
+    const auto slow = sandbox::RunOptions().set("KOR_TEST_SLOW_MARK", mark);
+    const struct { int signo; bool to_worker; int status; const char* logged; } signals[] = {
         {SIGINT, false, 0, "parent: Got signal #2\n"}, {SIGTERM, false, 0, "parent: Got signal #15\n"},
         {SIGHUP, true, 0, "child: Got signal #1\n"}, {SIGKILL, true, 72, "child terminated by signal #9\n"}};
-    for (const auto& row : rows) {
+    for (const auto& row : signals) {
         unlink(mark.c_str());
-        int pid = d.spawn_kor({"activate", "1", "-f", "-dryrun", plugin}, o);
+        int pid = d.spawn_kor({"activate", "1", "-f", "-dryrun", plugin}, slow);
         for (int i = 0; i < 500 && !d.exists(mark); i++) usleep(10000);
         ASSERT_EQ(kill(row.to_worker ? sandbox::Device::worker_pid(pid) : pid, row.signo), 0);
-        sandbox::RunResult r = d.wait(pid);
+        const sandbox::RunResult r = d.wait(pid);
         EXPECT_EQ(std::to_string(r.status) + (r.log_text().find(row.logged) == std::string::npos ? r.log_text() : ""),
                   std::to_string(row.status)) << row.logged;
     }
 }
-#endif
 
 }  // namespace
