@@ -29,7 +29,7 @@ std::string golden(const char* name)
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-bytes image_of(const parts_t& parts)  // a VELK file of data parts, made by mkvelk: what kor should make, and worse
+bytes image_of(const parts_t& parts)  // data parts made by mkvelk: what kor should make, and worse
 {
     std::vector<mkvelk::part> v;
     for (const auto& [name, body] : parts) v.push_back(mkvelk::data(name, body));
@@ -144,9 +144,8 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
     set2.erase(set2.find("   ACTIVE SET"), 13);
     set2.insert(set2.find("\n", set2.find("  2  SET2")), "   ACTIVE SET");
     enum { none, good, damaged };
-    // The primary and backup written before (p3, p4; -cfg= file when cfg, -cfgbak= file when cfg is 2); the command before
-    // "info"; its stderr and info's output; the syslog lines of both naming the hostconfig; the files in the order written;
-    // what the primary and backup hold afterwards.
+    // Primary and backup before (p3, p4; -cfg= file if cfg, -cfgbak= file if cfg is 2); the command before "info";
+    // its stderr, info's output, their hostconfig syslog lines, the files in write order, what the copies hold after.
     const struct { const char* what; int primary, backup, cfg; const char* before; std::string out, log, stored; } rows[] = {
         {"never written", none, none, 0, "", deflt, "", "none |none "},
         {"primary", good, none, 0, "", set2, "", "KOR data(2) |none "},
@@ -157,8 +156,7 @@ TEST(HostconfigDevice, InfoAndInitializeReadAndWriteTheRightCopies)
         {"-cfg=, damaged", damaged, good, 1, "", deflt, "", "!KOR data(2)! |KOR data(2) "},  // not the backup's
         {"saved: backup first", good, good, 2, "partset 1 SET1", set2, psave, "bak.bin hc.bin KOR data(2) |KOR data(2) "},
         {"loaded from backup: primary first", damaged, good, 2, "partset 1 SET1", lb + "W/bak.bin" + ok + set2,
-         "7 " + lb + "W/bak.bin" + ok + psave,
-"hc.bin bak.bin KOR data(2) |KOR data(2) "},
+         "7 " + lb + "W/bak.bin" + ok + psave, "hc.bin bak.bin KOR data(2) |KOR data(2) "},
         {"neither good", damaged, damaged, 2, "partset 1 SET1", deflt, psave, "bak.bin hc.bin KOR data(0) |KOR data(0) "},
     };
     for (const auto& r : rows) {

@@ -1,5 +1,4 @@
-// kor killed at any device write, whole or torn, twice in a row, and a save whose blocks reach the device in any
-// subset: the hostconfig loads the newest or the previous record, and the set active before still verifies.
+// kor killed at any device write, whole or torn, twice in a row, or a save landing in any subset of blocks.
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -12,8 +11,7 @@
 #include "support/hostconfig_decoder.h"
 #include "support/sandbox.h"
 
-using sandbox::bytes;
-using sandbox::Device;
+using sandbox::bytes, sandbox::Device;
 using Args = std::vector<std::string>;
 using Writes = std::vector<std::pair<std::string, size_t>>;  // device path, length
 
@@ -24,7 +22,6 @@ constexpr int kKilled = 9 + 63;  // the parent's status for a worker killed by S
 
 uint32_t u32(const bytes& b, size_t at) { return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | uint32_t(b[at + 3]) << 24; }
 
-// Kernel, device tree and root of a few KB, none written header first: verifying reads each partition as body only.
 std::string release(Device& d, uint16_t build)
 {
     std::string v = "1.0." + std::to_string(build), path = d.workdir() + "/r" + v + ".velk";
@@ -35,9 +32,8 @@ std::string release(Device& d, uint16_t build)
         for (int i = 0; i < n; ++i) b[i] = uint8_t(build * 31 + n + i * 7 + (i >> 8));
         parts.push_back(mkvelk::software(name, 1, 0, build, name, b));
     }
-    bytes img = mkvelk::build_image(parts);
-    d.write_file(path, std::string(img.begin(), img.end()));
-    return path;
+    const bytes img = mkvelk::build_image(parts);
+    return d.write_file(path, std::string(img.begin(), img.end())), path;
 }
 
 void start(Device& d) { d.with_default_layout(64 << 10); ASSERT_EQ(d.kor({"install", release(d, 1), "2"}).status, 0); }
@@ -82,7 +78,6 @@ State state(Device& d)
     return {record(d), r.out};
 }
 
-// Takes every byte a run may change; the result puts them back.
 auto snapshot(const Device& d)
 {
     std::vector<std::pair<int, bytes>> parts;
@@ -109,8 +104,7 @@ int cut_run(Device& d, const Args& args, size_t k, long torn, Writes* writes = n
     return status;
 }
 
-// What is wrong after a cut run, "" for nothing. `ok`: the states that may load; `tested`: the newest set 1
-// must carry its test mark; `lost`: counts the runs that lost the primary, which must find the newer record.
+// What is wrong after a cut run ("": nothing). ok: the states that may load; lost: counts runs that lost the primary.
 std::string damage(Device& d, const State& now, const std::vector<State>& ok, bool tested, int* lost)
 {
     auto any = [&](auto same) { return std::any_of(ok.begin(), ok.end(), same); };
@@ -181,8 +175,7 @@ TEST(Interrupt, EveryWriteCutWholeOrTornThenTheNextSaveCutToo)
     EXPECT_GT(lost, 0);
 }
 
-// The save of an install (the copies differ in several blocks): old, new and every mix of their 512-byte blocks,
-// as a device may hold them when power fails before a flush; the primary written last after a good backup, or
+// Every mix of old and new 512-byte blocks of an install's save: the primary written last after a good backup, or
 // repaired first while the backup holds the old.
 TEST(Interrupt, EverySubsetOfTheBlocksOfOneCopyLoadsOldOrNew)
 {
