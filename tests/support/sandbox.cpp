@@ -15,11 +15,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace sandbox {
@@ -30,16 +29,13 @@ const std::string kWork = "/run/kor/work", kPrivate = "/dev/.sandbox";
 // Bound below /run/kor: reachable even when they live under a directory the sandbox covers.
 const std::pair<std::string, std::string> kTrees[] = {{KOR_BUILD_DIR, "/run/kor/build"}, {KOR_SOURCE_DIR, "/run/kor/src"}};
 int g_loop_control = -1;
-std::string g_why;  // why the sandbox is not available
 
 void check(bool ok, const std::string& what) { if (!ok) std::perror(("sandbox: " + what).c_str()), std::abort(); }
 
 void mkdirs(const std::string& path)
 {
-    for (size_t at = 0; !path.empty() && at != std::string::npos;) {
-        std::string cur = path.substr(0, at = path.find('/', at + 1));
-        check(mkdir(cur.c_str(), 0755) == 0 || errno == EEXIST, "mkdir " + cur);
-    }
+    std::error_code e;
+    check(std::filesystem::create_directories(path, e) || !e, "mkdir " + path);
 }
 
 void mount_at(const std::string& from, const std::string& at, const char* type, const std::string& data = "")
@@ -49,26 +45,27 @@ void mount_at(const std::string& from, const std::string& at, const char* type, 
 
 void make_node(const std::string& p, mode_t m, dev_t dev) { unlink(p.c_str()), check(!mknod(p.c_str(), m, dev), "mknod " + p); }
 
-// Moves the process into a private mount namespace, once.
-bool enter()
+// Moves the process into a private mount namespace, once; "" or why the sandbox is not available.
+const std::string& enter()
 {
-    if (g_loop_control >= 0 || !g_why.empty()) return g_why.empty();
-    if (geteuid() != 0) g_why = "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
-    else if ((g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC)) < 0 || unshare(CLONE_NEWNS) != 0)
-        g_why = std::string(g_loop_control < 0 ? "cannot open /dev/loop-control: " : "unshare(CLONE_NEWNS) failed: ")
-                + std::strerror(errno);
-    if (!g_why.empty()) return false;
-    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
-    mount_at("tmpfs", "/run", "tmpfs", "mode=755");
-    mkdirs(kWork);
-    for (const auto& [host, at] : kTrees) mkdirs(at), mount_at(host, at, nullptr);
-    return true;
+    static const std::string why = []() -> std::string {
+        if (geteuid() != 0) return "device tests need root (loop devices, mount namespaces); run: sudo scripts/test";
+        if ((g_loop_control = open("/dev/loop-control", O_RDWR | O_CLOEXEC)) < 0)
+            return std::string("cannot open /dev/loop-control: ") + std::strerror(errno);
+        if (unshare(CLONE_NEWNS) != 0) return std::string("unshare(CLONE_NEWNS) failed: ") + std::strerror(errno);
+        check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+        mount_at("tmpfs", "/run", "tmpfs", "mode=755");
+        for (const auto& [host, at] : kTrees) mkdirs(at), mount_at(host, at, nullptr);
+        mkdirs(kWork);
+        return {};
+    }();
+    return why;
 }
 
 std::string map_host_path(const std::string& p)
 {
     for (const auto& [host, at] : kTrees)
-        if (p.compare(0, host.size(), host) == 0) return at + p.substr(host.size());
+        if (p.rfind(host, 0) == 0) return at + p.substr(host.size());
     return p;
 }
 
@@ -84,75 +81,58 @@ std::vector<LogLine> take_datagrams(int fd, std::vector<LogLine> lines = {})
     return lines;
 }
 
-// argv behind KOR_TEST_EMULATOR ("qemu-arm -L /sysroot") when argv[0] is an ELF for the machine of this test
-// (ours in a cross build, not a host tool). LD_PRELOAD is meant for the emulated program: handed over with -E.
-Strings with_emulator(const Strings& argv)
+// argv, its program mapped into the sandbox; one built here (not a host tool) behind KOR_TEST_EMULATOR ("qemu-arm -L
+// /sysroot"). LD_PRELOAD is meant for the emulated program: handed over with -E.
+Strings in_sandbox(Strings argv)
 {
     const char *e = std::getenv("KOR_TEST_EMULATOR"), *preload = std::getenv("LD_PRELOAD");
     std::istringstream words(e ? e : "");
     Strings out{std::istream_iterator<std::string>(words), {}};
-    char h[20] = {}, self[20] = {};
-    std::ifstream(argv[0], std::ios::binary).read(h, sizeof h);
-    std::ifstream("/proc/self/exe", std::ios::binary).read(self, sizeof self);
-    if (out.empty() || std::memcmp(h, "\177ELF", 4) != 0 || std::memcmp(h + 18, self + 18, 2) != 0) return argv;
+    if ((argv[0] = map_host_path(argv[0])).rfind(kTrees[0].second + "/", 0) != 0 || out.empty()) return argv;
     if (preload) out.insert(out.end(), {"-E", "LD_PRELOAD=" + std::string(preload)}), unsetenv("LD_PRELOAD");
-    out.insert(out.end(), argv.begin(), argv.end());
-    return out;
+    return out.insert(out.end(), argv.begin(), argv.end()), out;
 }
 
 }  // namespace
 
-bool available(std::string* why) { return enter() || (why && (*why = g_why).empty()); }
+bool available(std::string* why) { return why ? (*why = enter()).empty() : enter().empty(); }
 
-std::string RunResult::log_text() const { std::string s; for (const auto& l : log) s += l.text; return s; }
-
-struct Device::Impl {
-    int syslog_fd = -1, next_node = 0;
-    std::vector<int> loop_fds;
-    std::map<int, std::pair<int, int>> children;  // pid: its stdout and stderr
-
-    // Starts argv with stdin empty and stdout on a pipe or a pty.
-    int spawn(Strings argv, const Strings& args, const RunOptions& o)
-    {
-        bool is_kor = !argv.empty();  // kor itself, not a host tool
-        argv.insert(argv.end(), args.begin(), args.end());
-        int out[2] = {o.stdout_tty ? posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC) : -1, -1}, err[2];
-        if (o.stdout_tty) check(out[0] >= 0 && grantpt(out[0]) == 0 && unlockpt(out[0]) == 0, "pty");
-        if (o.stdout_tty) check((out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0, "pty slave");
-        check((o.stdout_tty || pipe2(out, O_CLOEXEC) == 0) && pipe2(err, O_CLOEXEC) == 0, "pipe");
-        pid_t pid = fork();
-        check(pid >= 0, "fork");
-        if (pid == 0) {
-            dup2(open("/dev/null", O_RDONLY), 0), dup2(out[1], 1), dup2(err[1], 2);
-            if (is_kor) unsetenv("KOR_PRODUCT"), unsetenv("KOR_PLATFORM");
-            for (const auto& [k, v] : o.env) setenv(k.c_str(), v.c_str(), 1);
-            sigset_t none;
-            sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
-            argv[0] = map_host_path(argv[0]), argv = with_emulator(argv);
-            std::vector<char*> c(argv.size() + 1);
-            std::transform(argv.begin(), argv.end(), c.begin(), [](std::string& a) { return a.data(); });
-            execvp(c[0], c.data());
-            _exit(127);
-        }
-        close(out[1]), close(err[1]);
-        children[pid] = {out[0], err[0]};
-        return pid;
-    }
-};
-
-Device::Device() : impl_(new Impl)
+// Starts argv with stdin empty and stdout on a pipe or a pty.
+int Device::spawn(Strings argv, const Strings& args, const RunOptions& o)
 {
-    check(enter(), "sandbox not available: " + g_why);
-    for (const auto& [at, mode] :
-         {std::pair<std::string, std::string>{"/dev", "755"}, {"/tmp", "1777"}, {"/mnt", "755"}, {kWork, "755"}})
-        mount_at("tmpfs", at, "tmpfs", "mode=" + mode);
+    argv.insert(argv.end(), args.begin(), args.end());
+    int out[2] = {o.stdout_tty ? posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC) : -1, -1}, err[2];
+    if (o.stdout_tty) check(out[0] >= 0 && grantpt(out[0]) == 0 && unlockpt(out[0]) == 0, "pty");
+    if (o.stdout_tty) check((out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0, "pty slave");
+    check((o.stdout_tty || pipe2(out, O_CLOEXEC) == 0) && pipe2(err, O_CLOEXEC) == 0, "pipe");
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open("/dev/null", O_RDONLY), 0), dup2(out[1], 1), dup2(err[1], 2);
+        unsetenv("KOR_PRODUCT"), unsetenv("KOR_PLATFORM");
+        for (const auto& [k, v] : o.env) setenv(k.c_str(), v.c_str(), 1);
+        sigset_t none;
+        sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
+        argv = in_sandbox(argv);
+        std::vector<char*> c(argv.size() + 1);
+        std::transform(argv.begin(), argv.end(), c.begin(), [](std::string& a) { return a.data(); });
+        execvp(c[0], c.data()), _exit(127);
+    }
+    check(pid > 0, "fork"), close(out[1]), close(err[1]);
+    return children_[pid] = {out[0], err[0]}, pid;
+}
+
+Device::Device()
+{
+    check(enter().empty(), "sandbox not available: " + enter());
+    for (const std::string& at : {std::string("/dev"), std::string("/tmp"), std::string("/mnt"), kWork})
+        mount_at("tmpfs", at, "tmpfs", at == "/tmp" ? "mode=1777" : "mode=755");
     check(mkdir(kPrivate.c_str(), 0755) == 0 && mkdir("/dev/pts", 0755) == 0, "mkdir");
     for (auto [name, minor] : {std::pair{"null", 3}, {"zero", 5}, {"urandom", 9}})
         make_node(std::string("/dev/") + name, S_IFCHR | 0666, makedev(1, minor));
     mount_at("devpts", "/dev/pts", "devpts", "newinstance,ptmxmode=0666,mode=620");
     check(symlink("pts/ptmx", "/dev/ptmx") == 0, "symlink ptmx");
     sockaddr_un a{AF_UNIX, "/dev/log"};
-    int big = 1 << 20, fd = impl_->syslog_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int big = 1 << 20, fd = syslog_fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     check(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0, "bind /dev/log");
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
     write_file(kPrivate + "/cmdline", "console=ttyS0\n");
@@ -161,14 +141,10 @@ Device::Device() : impl_(new Impl)
 
 Device::~Device()
 {
-    for (const char* m : {"/proc/cmdline", "/mnt", "/dev/pts"}) umount2(m, MNT_DETACH);
-    close(impl_->syslog_fd);
-    closelog();  // the test process may have logged through this socket
-    for (int fd : impl_->loop_fds) ioctl(fd, LOOP_CLR_FD, 0), close(fd);
-    for (const std::string& m : {std::string("/dev"), std::string("/tmp"), kWork}) umount2(m.c_str(), MNT_DETACH);
+    for (const char* m : {"/proc/cmdline", "/mnt", "/dev/pts", "/dev", "/tmp", kWork.c_str()}) umount2(m, MNT_DETACH);
+    close(syslog_fd_), closelog();  // the test process may have logged through this socket
+    for (int fd : loop_fds_) ioctl(fd, LOOP_CLR_FD, 0), close(fd);
 }
-
-std::string Device::part(int n) { return "/dev/mmcblk0p" + std::to_string(n); }
 
 std::string Device::workdir() const { return kWork; }
 
@@ -177,30 +153,22 @@ void Device::with_default_layout(uint64_t part_size)
     for (int n : {3, 4, 5, 6, 7, 8, 11, 12, 13, 14, 15, 16, 17, 18}) add_partition(n, n < 5 ? kHostconfigPartSize : part_size);
 }
 
-void Device::add_partition(int n, uint64_t size) { add_block_device(part(n), {}, size); }
-
 // Binds a sparse file to a free loop device, cleared on last close.
 void Device::add_block_device(const std::string& path, const bytes& content, uint64_t size)
 {
-    std::string backing = kPrivate + "/backing" + std::to_string(impl_->next_node++);
+    std::string backing = kPrivate + "/backing" + std::to_string(next_node_++);
     int file = open(backing.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     check(file >= 0 && ftruncate(file, off_t(std::max<uint64_t>(size, content.size()))) == 0, "create " + backing);
     check(pwrite(file, content.data(), content.size(), 0) == ssize_t(content.size()), "fill " + backing);
     loop_info64 info{};
     info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    for (int attempt = 0; attempt < 200; attempt++) {
-        int idx = ioctl(g_loop_control, LOOP_CTL_GET_FREE);
-        check(idx >= 0, "LOOP_CTL_GET_FREE");
-        std::string node = kPrivate + "/loop" + std::to_string(idx);
-        make_node(node, S_IFBLK | 0600, makedev(7, unsigned(idx)));
-        int loop = open(node.c_str(), O_RDWR | O_CLOEXEC);
-        unlink(node.c_str());
-        if (loop >= 0 && ioctl(loop, LOOP_SET_FD, file) != 0) close(loop);  // taken by another test process meanwhile
-        else if (loop >= 0) {
-            check(ioctl(loop, LOOP_SET_STATUS64, &info) == 0, "LOOP_SET_STATUS64");
-            close(file), impl_->loop_fds.push_back(loop), mkdirs(path.substr(0, path.rfind('/')));
-            return make_node(path, S_IFBLK | 0600, makedev(7, unsigned(idx)));
-        }
+    mkdirs(path.substr(0, path.rfind('/')));
+    for (int attempt = 0, idx, loop = -1; attempt < 200; attempt++, close(loop)) {  // taken by another test meanwhile
+        check((idx = ioctl(g_loop_control, LOOP_CTL_GET_FREE)) >= 0, "LOOP_CTL_GET_FREE");
+        make_node(path, S_IFBLK | 0600, makedev(7, unsigned(idx)));
+        if ((loop = open(path.c_str(), O_RDWR | O_CLOEXEC)) >= 0 && ioctl(loop, LOOP_SET_FD, file) == 0)
+            return check(ioctl(loop, LOOP_SET_STATUS64, &info) == 0, "LOOP_SET_STATUS64"), close(file),
+                   loop_fds_.push_back(loop);
     }
     check(false, "no free loop device");
 }
@@ -241,14 +209,12 @@ void Device::set_cmdline(const std::string& text) { write_file(kPrivate + "/cmdl
 std::string Device::stage(const std::string& host_path)
 {
     std::string mapped = map_host_path(host_path), dst = kWork + "/stage" + mapped.substr(mapped.rfind('/'));
-    write_file(dst, read_file(mapped));
-    chmod(dst.c_str(), 0755);
-    return dst;
+    return write_file(dst, read_file(mapped)), chmod(dst.c_str(), 0755), dst;
 }
 
-std::vector<LogLine> Device::take_log() { return take_datagrams(impl_->syslog_fd); }
+std::vector<LogLine> Device::take_log() { return take_datagrams(syslog_fd_); }
 
-int Device::spawn_kor(const Strings& args, const RunOptions& o) { return impl_->spawn({KOR_BINARY}, args, o); }
+int Device::spawn_kor(const Strings& args, const RunOptions& o) { return spawn({KOR_BINARY}, args, o); }
 
 int Device::worker_pid(int parent_pid)
 {
@@ -260,38 +226,35 @@ int Device::worker_pid(int parent_pid)
 RunResult Device::wait(int pid, int timeout_ms)
 {
     RunResult r;
-    auto [out, err] = impl_->children.extract(pid).mapped();
+    auto [out, err] = children_.extract(pid).mapped();
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    pollfd fds[3] = {{out, POLLIN, 0}, {err, POLLIN, 0}, {impl_->syslog_fd, POLLIN, 0}};
+    pollfd fds[3] = {{out, POLLIN, 0}, {err, POLLIN, 0}, {syslog_fd_, POLLIN, 0}};
     int status = 0;
     bool exited = false, timed_out = false;
     // A pty reports no end of file: stop once the process is gone and nothing came.
     for (bool got = true; !exited || (got && (fds[0].fd >= 0 || fds[1].fd >= 0));) {
         exited = exited || waitpid(pid, &status, WNOHANG) == pid;
+        r.log = take_datagrams(syslog_fd_, std::move(r.log));  // all of them once it has exited
         if ((timed_out = std::chrono::steady_clock::now() > deadline)) {
             if (int w = worker_pid(pid); w > 0) kill(w, SIGKILL);
             if (!exited) kill(pid, SIGKILL), waitpid(pid, &status, 0);
             break;
         }
-        poll(fds, 3, exited ? 50 : 10);
-        got = false;
+        poll(fds, 3, exited ? 50 : 10), got = false;
+        char buf[65536];
         for (int i = 0; i < 2; i++) {  // poll leaves revents 0 for a closed (negative) fd
-            char buf[65536];
-            if (!(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-            ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-            if (n <= 0) fds[i].fd = -1;
-            else got = true, (i ? r.err : r.out).append(buf, size_t(n));
+            ssize_t n = fds[i].revents ? ::read(fds[i].fd, buf, sizeof buf) : 0;
+            if (n > 0) got = true, (i ? r.err : r.out).append(buf, size_t(n));
+            else if (fds[i].revents) fds[i].fd = -1;
         }
-        r.log = take_datagrams(impl_->syslog_fd, std::move(r.log));
     }
     close(out), close(err);
-    r.log = take_datagrams(impl_->syslog_fd, std::move(r.log));
     if (!timed_out) r.status = WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     return r;
 }
 
 RunResult Device::kor(const Strings& args, const RunOptions& o) { return wait(spawn_kor(args, o)); }
 
-RunResult Device::run(const Strings& argv, const RunOptions& o) { return wait(impl_->spawn({}, argv, o)); }
+RunResult Device::run(const Strings& argv, const RunOptions& o) { return wait(spawn({}, argv, o)); }
 
 }  // namespace sandbox

@@ -1,16 +1,10 @@
-// A private simulated device for tests that run kor or open device paths. The first Device moves the test
-// process into a private mount namespace; each Device mounts fresh tmpfs on /dev, /tmp and /mnt. Partitions
-// /dev/mmcblk0pN are loop devices over sparse files; syslog is read from a datagram socket bound at /dev/log,
-// and a file is bound over /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
+// A private device for tests that run kor or open device paths. The first Device moves the test process into a private
+// mount namespace; each Device mounts fresh tmpfs on /dev, /tmp and /mnt, loop devices over sparse files as partitions
+// /dev/mmcblk0pN, a syslog socket at /dev/log and a file over /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
 #pragma once
-
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace sandbox {
 
@@ -22,10 +16,7 @@ bool available(std::string* why);
 
 using bytes = std::vector<uint8_t>;
 
-struct LogLine {
-    int priority;      // LOG_ERR, LOG_INFO, ... (facility stripped)
-    std::string text;  // message text as kor formatted it
-};
+struct LogLine { int priority; std::string text; };  // LOG_ERR, LOG_INFO, ... (no facility); text as kor formatted it
 
 struct RunOptions {
     bool stdout_tty = false;                 // stdout on a pseudo terminal
@@ -37,8 +28,8 @@ struct RunOptions {
 struct RunResult {
     int status = -1;  // exit status; 128+N when killed by signal N; -1 on timeout
     std::string out, err;
-    std::vector<LogLine> log;      // syslog datagrams sent during the run
-    std::string log_text() const;  // their texts joined
+    std::vector<LogLine> log;  // syslog datagrams sent during the run
+    std::string log_text() const { std::string s; for (const auto& l : log) s += l.text; return s; }
 };
 
 constexpr uint64_t kHostconfigPartSize = 1 << 20;  // p3 and p4; holds the flags at 0x3FE00
@@ -47,12 +38,12 @@ class Device {
 public:
     Device();
     ~Device();
+    Device(const Device&) = delete;
 
     void with_default_layout(uint64_t part_size = 4 << 20);  // p3, p4 (hostconfig); 5-8, 11-18 of `part_size`
-    void add_partition(int n, uint64_t size);                 // /dev/mmcblk0pN over a sparse file
-    // Any other block device node (e.g. "/dev/mtd7") over a file with `content`.
-    void add_block_device(const std::string& path, const bytes& content, uint64_t size = 0);
-    static std::string part(int n);  // "/dev/mmcblk0pN"
+    void add_partition(int n, uint64_t size) { add_block_device(part(n), {}, size); }
+    void add_block_device(const std::string& path, const bytes& content, uint64_t size = 0);  // "/dev/mtd7", ...
+    static std::string part(int n) { return "/dev/mmcblk0p" + std::to_string(n); }
 
     bytes read(const std::string& path, uint64_t offset, uint64_t length) const;
     void write(const std::string& path, uint64_t offset, const bytes& data) const;
@@ -72,8 +63,10 @@ public:
     std::string workdir() const;                      // for the test's own files, on the sandbox tmpfs
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;  // also makes a Device move-only
+    int spawn(std::vector<std::string> argv, const std::vector<std::string>& args, const RunOptions& o);
+    int syslog_fd_ = -1, next_node_ = 0;
+    std::vector<int> loop_fds_;
+    std::map<int, std::pair<int, int>> children_;  // pid: its stdout and stderr
 };
 
 }  // namespace sandbox
