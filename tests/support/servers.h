@@ -27,7 +27,6 @@ struct World {
     explicit World(const Release& r);
     // kor install <source> 1 <args>: `status`, `error` in stderr, no password logged, set 1's bodies or, refused, no change.
     sandbox::RunResult install(const std::string& source, int status = 0, const std::string& error = "", strings args = {});
-    std::vector<sandbox::bytes> state() const;  // set 1's KNLS, ROOTS, APPLS, then hostconfig
     const Release& rel;
     sandbox::Device dev;
     const std::string www, file;
@@ -44,15 +43,13 @@ struct Daemon : Endpoint {
     Daemon(const World& w, const std::string& scheme, const std::string& conf = "");
     ~Daemon() { if (pid > 0) kill(-pid, SIGKILL), waitpid(pid, nullptr, 0); }  // the group: its sessions too
     std::vector<Request> log(size_t at_least) const;  // once it holds `at_least` (bounded wait)
-    const sandbox::Device& dev;
     std::string dir, error;  // why it did not start
     int pid = 0;             // 0: not running
 };
 
-inline size_t count(const std::string& text, const std::string& what, size_t n = 0)  // how often `what` occurs
+inline size_t count(const std::string& text, const std::string& what, size_t from = 0)  // how often `what` occurs
 {
-    for (size_t at = 0; (at = text.find(what, at) + 1) != 0;) ++n;
-    return n;
+    return (from = text.find(what, from)) == text.npos ? 0 : 1 + count(text, what, from + 1);
 }
 
 // "HTTP/1.1 <status>" announcing `length` bytes (npos: the body's), then the first `sent` bytes of `body`.
@@ -68,7 +65,6 @@ struct Scripted : Endpoint {
     ~Scripted() { ranges(), close(fd); }
     // Range header of each request ("" when none); stops the server (shutdown wakes accept).
     strings ranges() { return thread.joinable() ? shutdown(fd, SHUT_RDWR), thread.join(), requests : requests; }
-    void serve();
     strings responses, requests;
     int stall_ms, fd = -1;
     std::thread thread;
