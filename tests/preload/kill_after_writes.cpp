@@ -1,30 +1,24 @@
-// Preloaded into kor by the interruption tests: counts the writes that reach a device under /dev/ and kills
-// the process at a chosen one.
+// Preloaded into kor by the interruption tests: counts device writes (under /dev/), kills the process at a chosen one.
 //   KOR_KILL_AFTER_WRITES=k  SIGKILL right after the k-th device write
 //   KOR_TORN_BYTES=b         ... which hands over only its first b bytes (-1: all)
 //   KOR_WRITE_LOG=path       append "path length" for every device write
 //   KOR_UNLINK_DELAY_MS=ms   sleep before removing a file named kor.lock, after creating KOR_UNLINK_MARK
-// glibc's stdio reaches the kernel through its internal write, which no preload can replace, so a device stream
-// opened with fopen is made unbuffered and each fwrite on it is one write: what the process has handed to the
-// kernel when it dies is exactly what fwrite returned. Built with the C library's own off_t so that pwrite and
-// pwrite64 keep their names.
+// glibc's stdio reaches the kernel through its internal write, which no preload can replace, so a device stream opened
+// with fopen is made unbuffered and each fwrite on it is one write: what the process has handed to the kernel when it
+// dies is exactly what fwrite returned. Built with the C library's own off_t: pwrite and pwrite64 keep their names.
 #undef _FILE_OFFSET_BITS
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace {
-
-long g_count = 0;
 
 long env_number(const char* name) { const char* v = std::getenv(name); return v && *v ? std::atol(v) : -1; }
 
@@ -34,28 +28,26 @@ size_t admit(int fd, size_t length, bool* die)
 {
     static const long kill_after = env_number("KOR_KILL_AFTER_WRITES"), torn = env_number("KOR_TORN_BYTES");
     static const char* log = std::getenv("KOR_WRITE_LOG");
-    char link[64], path[256];
+    static long count = 0;
+    char link[64], path[256], line[300];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     ssize_t n = readlink(link, path, sizeof path - 1);
     path[n > 0 ? n : 0] = '\0';
     *die = false;
     if (std::strncmp(path, "/dev/", 5) != 0 || !std::strcmp(path, "/dev/null") || !std::strncmp(path, "/dev/pts/", 9))
         return length;
-    if (log && *log) {
-        char line[300];
-        int logfd = int(syscall(SYS_open, log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (int logfd = log && *log ? open(log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600) : -1; logfd >= 0) {
         (void)syscall(SYS_write, logfd, line, size_t(std::snprintf(line, sizeof line, "%s %zu\n", path, length)));
-        (void)syscall(SYS_close, logfd);
+        close(logfd);
     }
-    *die = ++g_count == kill_after;
+    *die = ++count == kill_after;
     return *die && torn >= 0 && size_t(torn) < length ? size_t(torn) : length;
 }
 
 // The kernel keeps what was handed to it, as when a process is killed.
 [[noreturn]] void die_now() { raise(SIGKILL), _exit(137); }
 
-template <typename F>
-F* real(F*, const char* name) { return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name)); }
+template <typename F> F* real(F*, const char* name) { return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name)); }
 
 // write, pwrite and pwrite64: the admitted bytes, then maybe death.
 template <typename F, typename... Offset>
@@ -76,28 +68,15 @@ ssize_t write(int fd, const void* buf, size_t n) { return cut(real(&write, "writ
 
 ssize_t pwrite(int fd, const void* buf, size_t n, off_t at) { return cut(real(&pwrite, "pwrite"), fd, buf, n, at); }
 
-ssize_t pwrite64(int fd, const void* buf, size_t n, off64_t at) { return cut(real(&pwrite64, "pwrite64"), fd, buf, n, at); }
-
-ssize_t writev(int fd, const struct iovec* iov, int count)
-{
-    size_t total = 0;
-    for (int i = 0; i < count; i++) total += iov[i].iov_len;
-    bool die = false;
-    size_t pass = admit(fd, total, &die);
-    if (!die) return real(&writev, "writev")(fd, iov, count);
-    for (int i = 0; i < count && pass > 0; pass -= std::min(pass, iov[i].iov_len), i++)  // torn: piece by piece
-        (void)real(&write, "write")(fd, iov[i].iov_base, std::min(pass, iov[i].iov_len));
-    die_now();
-}
+ssize_t pwrite64(int fd, const void* b, size_t n, off64_t at) { return cut(real(&pwrite64, "pwrite64"), fd, b, n, at); }
 
 int unlink(const char* path)
 {
     long ms = env_number("KOR_UNLINK_DELAY_MS");
     const char *base = std::strrchr(path, '/'), *mark = std::getenv("KOR_UNLINK_MARK");
     if (ms > 0 && std::strcmp(base ? base + 1 : path, "kor.lock") == 0) {
-        if (mark) (void)syscall(SYS_close, syscall(SYS_open, mark, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-        for (timespec t{ms / 1000, (ms % 1000) * 1000000L}; nanosleep(&t, &t) != 0;) {
-        }
+        if (mark) close(open(mark, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        for (timespec t{ms / 1000, (ms % 1000) * 1000000L}; nanosleep(&t, &t) != 0;) {}
     }
     return real(&unlink, "unlink")(path);
 }
@@ -117,8 +96,7 @@ size_t fwrite(const void* buf, size_t size, size_t count, FILE* f)
     size_t pass = fileno(f) < 0 || size == 0 ? 0 : admit(fileno(f), size * count, &die);
     if (!die) return real(&fwrite, "fwrite")(buf, size, count, f);
     if (pass > 0) (void)real(&fwrite, "fwrite")(buf, 1, pass, f);
-    std::fflush(f);
-    die_now();
+    std::fflush(f), die_now();
 }
 
 }  // extern "C"
