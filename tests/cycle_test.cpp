@@ -27,8 +27,7 @@ struct Fixture {
         EXPECT_TRUE(korl_init(&m) == 1 && hostconfig_new(&hc, HOSTCONFIG_MAX) == 1 && hostconfig_default(&hc) == 1 &&
                     korl_hostconfig_import(&m, &hc) == 1);
     }
-    // Content for entry idx, recorded in `m`: one byte flipped unless `good`, its header in front if asked.
-    void install(int idx, bool good = true, bool header_first = false)
+    void install(int idx, bool good = true, bool header_first = false)  // content for entry idx, recorded in `m`
     {
         bytes body(3000, static_cast<uint8_t>(idx));
         auto& p = m.pinfometa[idx] = {0, 0, uint16_t(header_first ? 64 : 0), 3000, {}, crc(body), 0, 0, 0, {}};
@@ -147,8 +146,8 @@ TEST(Cycle, Rebuild)
         {"header longer than kept", {{1024, header(8, 76)}}, 4096, -1},
     };
     for (const auto& c : cases) {
-        bytes flash(4096, 0xFF);
-        std::copy(kBody.begin(), kBody.end(), flash.begin());
+        bytes flash = kBody;
+        flash.resize(4096, 0xFF);
         for (const auto& [at, b] : c.placed) std::copy(b.begin(), b.end(), flash.begin() + at);
         Device dev;
         dev.add_block_device("/dev/mtd7", flash);
