@@ -138,11 +138,9 @@ TEST(Interrupt, EveryWriteCutWholeOrTornThenTheNextSaveCutToo)
         std::replace(args.begin(), args.end(), std::string("IMG"), release(d, 2));
         auto restore = snapshot(d);
         std::vector<State> ok{state(d)};
-        if (s.over_release) {  // killed after the save before the first partition write: the released record
-            ASSERT_EQ(cut_run(d, args, 2, -1), kKilled);
-            ok.push_back(state(d));
-            restore();
-        }
+        // Killed after the save before the first partition write: the released record may load.
+        ASSERT_TRUE(!s.over_release || cut_run(d, args, 2, -1) == kKilled);
+        if (s.over_release) ok.push_back(state(d)), restore();
         Writes w, w2;
         ASSERT_EQ(cut_run(d, args, 0, -1, &w), 0);
         ok.push_back(state(d));
