@@ -1,4 +1,5 @@
-// Install planning and recording on in-memory records; CRC32 check, reuse and set verification on sandboxed partitions.
+// Install planning and recording on in-memory records; CRC32 check, reuse and set verification on partitions.
+#include <array>
 #include <cstring>
 
 #include "frontend/fileutil.h"
@@ -13,7 +14,7 @@ static const korl_rhdr kRh{2, 1, 37, 1700000000, "build-77"};
 // The default layout (entry index = partition number) with the given refs of sets 1 and 2 and recorded versions.
 static korl_data layout(refs set1 = {}, refs set2 = {}, const std::vector<std::pair<int, ver>>& recorded = {})
 {
-    static const char* const pools[] = {"SAFEKNLS", "SAFEDTS", "SAFEROOTS", "SAFEAPPLS", "KNLS", "DTS", "ROOTS", "APPLS"};
+    const char* const pools[] = {"SAFEKNLS", "SAFEDTS", "SAFEROOTS", "SAFEAPPLS", "KNLS", "DTS", "ROOTS", "APPLS"};
     korl_data d{};
     for (int i = 0; i < 12; ++i) partinfo_init(&d, i < 4 ? 5 + i : 7 + i, pools[i < 4 ? i : 4 + i % 4], kPartSize, 0);
     for (int s = 0; s < KORL_SETS; ++s) partset_init(&d, s, s ? (s == 1 ? "SET1" : "SET2") : "SAFESET");
@@ -23,8 +24,8 @@ static korl_data layout(refs set1 = {}, refs set2 = {}, const std::vector<std::p
     return d;
 }
 
-static korm_element elem(int cidx, const char* pool, uint32_t meta_valid, ver v = {1, 0, 0}, const char* platform = "-", uint8_t wts = 1,
-                         uint32_t action = 0, int partinfo_idx = -1)
+static korm_element elem(int cidx, const char* pool, uint32_t meta_valid, ver v = {1, 0, 0}, const char* platform = "-",
+                         uint8_t wts = 1, uint32_t action = 0, int partinfo_idx = -1)
 {
     korm_element e{1, static_cast<int8_t>(cidx), {}, 0, "/", "", {}, meta_valid, wts, 0, 0, 0, action, partinfo_idx};
     std::strncpy(e.poolname, pool, sizeof e.poolname - 1), std::strncpy(e.platform, platform, sizeof e.platform - 1);
@@ -33,42 +34,41 @@ static korm_element elem(int cidx, const char* pool, uint32_t meta_valid, ver v 
 }
 
 // The planning result, then "action:partinfo_idx" of each element (all set to action 7 before: planning resets them).
-static std::string plan(korl_data* d, const std::vector<korm_element>& in, const char* platform = "", korm_element* e = nullptr)
+static std::string plan(korl_data* d, const std::vector<korm_element>& in, const char* platform = "",
+                        korm_element* e = std::array<korm_element, KORL_KORM_ELEMENTS>{}.data())
 {
-    korm_element own[KORL_KORM_ELEMENTS] = {};
-    e = e ? e : own;
     for (size_t i = 0; i < in.size(); ++i) e[i] = in[i], e[i].action = 7;
     std::string s = std::to_string(korl_meta_install_part1(d, 1, &kRh, e, platform, 0));
-    for (size_t i = 0; i < in.size(); ++i) s += " " + std::to_string(e[i].action) + ":" + std::to_string(e[i].partinfo_idx);
+    for (size_t i = 0; i < in.size(); ++i)
+        s += ' ' + std::to_string(e[i].action) + ":" + std::to_string(e[i].partinfo_idx);
     return s;
 }
 
-// Records content of `length` bytes in entry idx and writes it to the partition, with its header first for write type 2.
+// Records `length` bytes in entry idx and writes them to its partition, with the header first for write type 2.
 static void put_content(const sandbox::Device& dev, korl_data& d, int idx, size_t length, int wts, ver v = {1, 0, 0})
 {
     const size_t header = wts == 2 ? sizeof(korl_pinfometa) : 0;
     sandbox::bytes out(header + length);
     for (size_t i = 0; i < length; ++i) out[header + i] = static_cast<uint8_t>(i * 31 + idx);
-    korl_pinfometa& m = d.pinfometa[idx] = {0, VELK_TYPE_SOFTWARE, 64, uint32_t(length), {'c', char('0' + idx / 10), char('0' + idx % 10)},
-                                            crc32_calc(0, out.data() + header, uint32_t(length)), v.major, v.minor, v.build, {}};
+    korl_pinfometa& m = d.pinfometa[idx] = {0, VELK_TYPE_SOFTWARE, 64, uint32_t(length),
+        {'c', char('0' + idx / 10), char('0' + idx % 10)}, crc32_calc(0, out.data() + header, uint32_t(length)),
+        v.major, v.minor, v.build, {}};
     std::memcpy(out.data(), &m, header);
     dev.write(sandbox::Device::part(d.partinfo[idx].pn), 0, out);
 }
 
-static const std::vector<korm_element> kRelease = {elem(0, "KNLS", 1), elem(1, "DTS", 1), elem(2, "ROOTS", 1), elem(3, "APPLS", 1)};
+static const korm_element kReuse15 = elem(-1, "KNLS", 1, {}, "-", 1, 2, 15);
+static const std::vector kRelease{elem(0, "KNLS", 1), elem(1, "DTS", 1), elem(2, "ROOTS", 1), elem(3, "APPLS", 1)};
 
 TEST(Plan, ChoosesRecordsAndChecksCopiesOnPartitions)
 {
-    KOR_SANDBOX_OR_SKIP();  // for the copies; other sets' partitions, singletons and SAFESET: see the install tests
+    KOR_SANDBOX_OR_SKIP();  // for the copies; other sets, singletons and no free entry: see the install tests
     const struct { const char* name; std::vector<korm_element> in; const char* plan; refs set1 = {}, set2 = {};
                    std::vector<std::pair<int, ver>> recorded = {}; const char* platform = ""; } rows[] = {
         {"own partitions are free", {kRelease[0], kRelease[1]}, "1 1:11 1:12", {11, 12, 13, 14}, {15, 16, 17, 18}},
         {"dependency not fulfilled", {elem(-1, "APPLS", 1)}, "-2 0:-1"},
-        {"failure stops the plan", {elem(0, "KNLS", 1), elem(1, "SAFEDTS", 1), elem(2, "DTS", 1)}, "-3 1:11 0:-1 0:-1"},
         {"no version takes the newest", {elem(-1, "ROOTS", 0)}, "1 2:17", {}, {}, {{13, {1, 2, 5}}, {17, {1, 10, 0}}}},
-        {"no version, tie takes the lowest", {elem(-1, "ROOTS", 0)}, "1 2:13", {}, {}, {{13, {2, 0, 1}}, {17, {2, 0, 1}}}},
         {"write into a too long pool", {elem(0, "KNLSKNLSKNLSKNLS", 1)}, "-4 0:-1"},
-        {"a third line for a two-partition pool", {kRelease[0], elem(1, "KNLS", 1, {2, 0, 0}), elem(2, "KNLS", 1, {3, 0, 0})}, "-5 1:11 1:15 0:-1"},
         {"version on arrival reserves", {elem(0, "KNLS", 2)}, "1 3:11"},
         {"platform", {elem(0, "KNLS", 1, {}, "arm"), elem(1, "DTS", 1, {}, "-"), elem(2, "ROOTS", 1, {}, "pc"),
                       elem(3, "APPLS", 1, {}, "pcx")}, "1 0:-1 1:12 1:13 0:-1", {}, {}, {}, "pc"},
@@ -77,58 +77,60 @@ TEST(Plan, ChoosesRecordsAndChecksCopiesOnPartitions)
         korl_data d = layout(row.set1, row.set2, row.recorded);
         EXPECT_EQ(plan(&d, row.in, row.platform), row.plan) << row.name;
     }
-    const struct { const char* name; void (*tweak)(korm_element*, velk_content_header**); int result; refs set1; } records[] = {
-        {"planned release", [](auto, auto) {}, 1, {11, 12, 13, 14}},  // elements not planned: see the install tests
-        {"element left at action 3", [](auto e, auto) { e[3].action = 3; }, -6, {9}},  // {9}: set 1 before
+    velk_software_content parts[4] = {};  // header CRC 0, body CRC 0x12345678 + i, build number i
+    for (int i = 0; i < 4; ++i)
+        parts[i].hdr = {0, VELK_TYPE_SOFTWARE, 64, 1000, "part", 0x12345678u + i}, parts[i].sw_build_number = i;
+    const struct { const char* name; void (*tweak)(korm_element*, velk_content_header**); int result;
+                   refs set1; } records[] = {  // elements not planned: see the install tests; {9}: set 1 before
+        {"planned release", [](auto, auto) {}, 1, {11, 12, 13, 14}},
+        {"element left at action 3", [](auto e, auto) { e[3].action = 3; }, -6, {9}},
         {"content part missing", [](auto, auto t) { t[2] = nullptr; }, -6, {9}},
         {"content index beyond the table", [](auto e, auto) { e[1].cidx = 20; }, -6, {9}},
-        {"22 references", [](auto e, auto) { std::fill_n(e, 22, elem(-1, "KNLS", 1, {}, "-", 1, 2, 15)); }, 1, refs(22, 15)},
-        {"23 references", [](auto e, auto) { std::fill_n(e, 23, elem(-1, "KNLS", 1, {}, "-", 1, 2, 15)); }, -6, {9}},
+        {"22 references", [](auto e, auto) { std::fill_n(e, 22, kReuse15); }, 1, refs(22, 15)},
+        {"23 references", [](auto e, auto) { std::fill_n(e, 23, kReuse15); }, -6, {9}},
     };
     for (const auto& row : records) {
         korl_data d = layout({9});
         korm_element e[KORL_KORM_ELEMENTS] = {};
         ASSERT_EQ(plan(&d, kRelease, "", e), "1 1:11 1:12 1:13 1:14");
-        velk_software_content parts[4] = {};  // header CRC 0, body CRC 0x12345678 + i, build number i
         velk_content_header* table[VELK_MAX_PARTS] = {&parts[0].hdr, &parts[1].hdr, &parts[2].hdr, &parts[3].hdr};
-        for (int i = 0; i < 4; ++i) parts[i].hdr = {0, VELK_TYPE_SOFTWARE, 64, 1000, "part", 0x12345678u + i}, parts[i].sw_build_number = uint16_t(i);
         row.tweak(e, table);
         const korl_data before = d;
-        EXPECT_EQ(korl_meta_install(&d, 1, &kRh, e, table, "", 0), row.result) << row.name;
-        EXPECT_EQ(refs(d.partset[1].refs, std::find(d.partset[1].refs, d.partset[1].refs + KORL_REFS, -1)), row.set1) << row.name;
-        EXPECT_EQ(std::tuple(std::memcmp(&d, &before, KORL_STORED_SIZE) == 0, std::memcmp(&d.rhdr[1], &kRh, sizeof kRh) == 0,  // a refusal
-                             std::memcmp(&d.pinfometa[13], &parts[2], 64) == 0), std::tuple(row.result != 1, row.result == 1, row.set1[0] == 11));
+        const int r = korl_meta_install(&d, 1, &kRh, e, table, "", 0);
+        const refs set1(d.partset[1].refs, std::find(d.partset[1].refs, d.partset[1].refs + KORL_REFS, -1));
+        EXPECT_EQ(std::tuple(r, set1, std::memcmp(&d, &before, KORL_STORED_SIZE) == 0,  // a refusal changes nothing
+                             !std::memcmp(&d.rhdr[1], &kRh, sizeof kRh), !std::memcmp(&d.pinfometa[13], &parts[2], 64)),
+                  std::tuple(row.result, row.set1, row.result != 1, row.result == 1, row.set1[0] == 11)) << row.name;
     }
     sandbox::Device dev;
     dev.with_default_layout(kPartSize);
-    const struct { const char* name; size_t length; int wts; void (*tweak)(korl_pinfometa&); int result; } crcs[] = {  // entry 13
-        {"intact over several pieces", 10000, 1, [](auto&) {}, 0},  // CRC and header-first results: see the verify tests
-        {"header differs", 1000, 2, [](auto& m) { m.sw_build_id[27] = 1; }, 3},
-        {"header above 64", 1000, 2, [](auto& m) { m.hdr_length = 65; }, 3},
-        {"device end ends the CRC", kPartSize, 1, [](auto& m) { m.body_length += 9; }, 0},
-    };
-    for (const auto& row : crcs) {
+    // The CRC of entry 13: over several pieces, a header above 64, up to the device's end. Others: the verify tests.
+    for (auto [length, wts, hdr, beyond, want] : {std::tuple<size_t, int, int, int, int>{10000, 1, 64, 0, 0},
+                                                 {1000, 2, 65, 0, 3}, {kPartSize, 1, 64, 9, 0}}) {
         korl_data d = layout();
-        put_content(dev, d, 13, row.length, row.wts);
-        row.tweak(d.pinfometa[13]);
-        EXPECT_EQ(crc32_check(&d, 13, row.wts), row.result) << row.name;
+        put_content(dev, d, 13, length, wts);
+        d.pinfometa[13].hdr_length = uint16_t(hdr), d.pinfometa[13].body_length += beyond;
+        EXPECT_EQ(crc32_check(&d, 13, wts), want) << length;
     }
-    korl_data d = layout();  // copies found or rejected: another version, written without its header, 0.0-0 for a version on
-    put_content(dev, d, 15, 3000, 1, {1, 2, 3}), put_content(dev, d, 16, 3000, 1, {1, 2, 3}), put_content(dev, d, 17, 3000, 2, {0, 0, 0});
-    for (const auto& [in, out] : {std::pair{elem(0, "KNLS", 1, {1, 2, 4}), "1 1:11"}, {elem(0, "DTS", 1, {1, 2, 3}, "-", 2), "1 1:12"},
-                                  {elem(0, "ROOTS", 2, {}, "-", 2), "1 2:17"}, {elem(-1, "KNLS", 1, {1, 2, 3}), "1 2:15"}})  // arrival, a dependency
+    korl_data d = layout();  // copies found or rejected: another version, written without its header, 0.0-0 on arrival
+    put_content(dev, d, 15, 3000, 1, {1, 2, 3}), put_content(dev, d, 16, 3000, 1, {1, 2, 3});
+    put_content(dev, d, 17, 3000, 2, {0, 0, 0});
+    for (const auto& [in, out] : {std::pair{elem(0, "KNLS", 1, {1, 2, 4}), "1 1:11"},
+             {elem(-1, "KNLS", 1, {1, 2, 3}), "1 2:15"}, {elem(0, "DTS", 1, {1, 2, 3}, "-", 2), "1 1:12"},
+             {elem(0, "ROOTS", 2, {}, "-", 2), "1 2:17"}})
         EXPECT_EQ(plan(&d, {in}), out) << in.poolname;  // corrupt copies: see the install tests
-    for (auto [build, want] : {std::pair{4, "-1 1:11"}, {3, "15 2:15"}}) {  // decided on arrival: write or reuse
+    for (auto [build, want] : {std::pair{4, std::tuple(-1, 1u, 11)}, {3, {15, 2u, 15}}}) {  // arrival: write or reuse
         korm_element late = elem(0, "KNLS", 2, {}, "-", 1, 3, 11);
-        const int r = late_action_update(&d, &late, 1, 2, static_cast<uint16_t>(build));
-        EXPECT_EQ(std::to_string(r) + " " + std::to_string(late.action) + ":" + std::to_string(late.partinfo_idx), want);
+        const int r = late_action_update(&d, &late, 1, 2, uint16_t(build));
+        EXPECT_EQ(std::tuple(r, late.action, late.partinfo_idx), want);
     }
     d = layout({11, 12, 14, 13});  // set verification: every ref is checked, the last failure decides (no device: 3)
     for (int idx : {11, 12, 14, 13}) put_content(dev, d, idx, 1500, 1);
     d.pinfometa[12].body_crc ^= 0x100, d.partinfo[13].pn = 40, korl_partinfo_mark_meta_invalid(&d, 14);
     testing::internal::CaptureStdout();  // quiet, then with the report
     EXPECT_EQ(std::pair(verify_set(nullptr, &d, 1, 0), verify_set(nullptr, &d, 1, 1)), std::pair(3, 3));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "verify_set: Set 1: SET1\nverify_set:   ref 11: KNLS         c11         : ok\n"
-              "verify_set:   ref 12: DTS          c12         : bad\nverify_set:   ref 14: APPLS                    : empty\n"
-              "verify_set:   ref 13: ROOTS        c13         : bad\n");
+    const std::string v = "\nverify_set:   ref ", out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "verify_set: Set 1: SET1" + v + "11: KNLS         c11         : ok" + v +
+                       "12: DTS          c12         : bad" + v + "14: APPLS                    : empty" + v +
+                       "13: ROOTS        c13         : bad\n");
 }
