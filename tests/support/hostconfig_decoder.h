@@ -1,5 +1,5 @@
-// Reads a stored hostconfig image and its "KOR data" body from the byte tables alone (numeric
-// offsets, little-endian reads), so that kor's own records are not both the writer and the judge.
+// Reads a stored hostconfig image and its "KOR data" body from the byte tables alone (numeric offsets, little-endian
+// reads), so that kor's own records are not both the writer and the judge.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,11 @@
 
 namespace hcdec {
 
-struct Part { uint16_t type_id; std::string name; std::vector<uint8_t> body; bool crcs_ok; /* header and body */ };
+using bytes = std::vector<uint8_t>;
+struct Part { uint16_t type_id; std::string name; bytes body; bool crcs_ok; /* header and body */ };
 struct Image { bool crcs_ok; /* identification words, file header and body */ std::vector<Part> parts; };
 
-bool decode_image(const std::vector<uint8_t>& b, Image* out);  // false when the bytes cannot hold what headers say
-
-// The non-zero fields of the 3240-byte body as "name=value" lines in stored order; "" when it is shorter.
-std::string decode_kor_data(const std::vector<uint8_t>& body);
+bool decode_image(const bytes& b, Image* out);  // false when the bytes cannot hold what headers say
+std::string decode_kor_data(const bytes& body);  // its non-zero fields as "name=value" lines; "" below 3240 bytes
 
 }  // namespace hcdec
