@@ -42,11 +42,6 @@ Release::Release(const std::vector<size_t>& sizes)
         ends.push_back(image.find(std::string(body.begin(), body.begin() + 64)) + ((body.size() + 3) & ~size_t(3)));
 }
 
-World::World(const Release& r) : rel(r), www(dev.workdir() + "/www"), file(www + "/img.velk")
-{
-    dev.with_default_layout(), dev.write_file(file, rel.image);
-}
-
 sandbox::RunResult World::install(const std::string& source, int status, const std::string& error, strings args)
 {
     const auto state = [&] {  // set 1's KNLS, ROOTS, APPLS, then hostconfig with its flags area

@@ -22,14 +22,13 @@ struct Release {
     std::vector<size_t> ends;  // offset behind each body and its padding
 };
 
-// A device with the default layout and the release in `file`.
-struct World {
-    explicit World(const Release& r);
+struct World {  // a device with the default layout and the release in `file`
+    explicit World(const Release& r) : rel(r) { dev.with_default_layout(), dev.write_file(file, rel.image); }
     // kor install <source> 1 <args>: `status`, `error` in stderr, no password logged, set 1's bodies or, refused, no change.
     sandbox::RunResult install(const std::string& source, int status = 0, const std::string& error = "", strings args = {});
     const Release& rel;
     sandbox::Device dev;
-    const std::string www, file;
+    const std::string www = dev.workdir() + "/www", file = www + "/img.velk";
 };
 
 struct Endpoint { std::string scheme; int port = 0;
