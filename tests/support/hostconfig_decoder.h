@@ -1,5 +1,4 @@
-// Reads a stored hostconfig image and its "KOR data" body from the byte tables alone (numeric offsets, little-endian
-// reads), so that kor's own records are not both the writer and the judge.
+// Reads a stored hostconfig image and its "KOR data" from byte offsets alone: kor's records do not judge themselves.
 #pragma once
 
 #include <cstdint>
