@@ -198,8 +198,7 @@ void Device::write_file(const std::string& path, const std::string& text) const
 
 std::string Device::read_file(const std::string& path) const
 {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return {std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {}};
 }
 
 bool Device::exists(const std::string& path) const { struct stat st; return lstat(path.c_str(), &st) == 0; }
