@@ -3,6 +3,8 @@
 #include "support/sandbox.h"
 #include "velk/velk.h"
 
+#include <cstdlib>
+
 using mkvelk::bytes;
 
 static uint32_t rd16(const bytes& b, size_t at) { return b[at] | b[at + 1] << 8; }
@@ -60,7 +62,9 @@ TEST(MkvelkTool, GeneratesOrRefuses)
     sandbox::Device dev;  // the tool runs in its work directory, with the files named relative to it
     const std::string at = dev.workdir() + "/", sw = " --software s:1.2.3:k",  // common arguments; a later value wins
                       with = "--version 2.1.37 --date 1700000000 --build-id b42 --products a,b -o bad.velk";
-    const auto run = [&](auto args) { return dev.run({"sh", "-c", "cd " + at + " && " MKVELK_BINARY " " + args}); };
+    const char* emulator = std::getenv("KOR_TEST_EMULATOR");  // the shell is the host's, mkvelk maybe not
+    const std::string tool = (emulator ? std::string(emulator) + " " : "") + MKVELK_BINARY " ";
+    const auto run = [&](auto args) { return dev.run({"sh", "-c", "cd " + at + " && " + tool + args}); };
     const auto image = [&] { std::string s = dev.read_file(at + "out.velk"); return bytes(s.begin(), s.end()); };
     std::string many, eighteen;  // KORM lines, data parts besides one software part
     for (int i = 0; i < 45; ++i) many += "-1,P,0,-,-,-,1.2.3,1\n", eighteen += i < 18 ? " --data d:k" : "";
