@@ -44,6 +44,7 @@ const Row rows[] = {  // set arguments, option parsing, KORM and plan details, e
      "2,KNLS,0,-,-,-,1.0.9,1\n"},
     {"-test", "1 -test", 0, "dev:activeset=none flags=1 " + kAct1},
     {"no file", "1", 8, "install: could not open VELK\n" + kNo, "none"},
+    {"empty file", "1", 9, "install: empty VELK\n" + kNo, "empty"},
     {"singleton without -f", "1", 9, "install: Can't install into singleton partitions without -f\n" + kNo, "", kSafe},
     {"product mismatch", "1 -product=other", 6, "install: Release header does not contain model 'other'\n" + kNo},
     {"minver above, -f", "1 -minver=1.0.2 -f", 7, "install: Version in release header lower than 1.0-2\n" + kNo},
@@ -89,7 +90,9 @@ TEST(Install, Table)
                         d.kor({"install", put(d, s == "2" ? kKorm2 : kKorm, s == "2" ? 2 : 1), s}).status == 0);
         if (has("bad11")) d.write(Device::part(11), 0, bytes(16, 0xEE));
         if (has("act2")) d.write_file("/tmp/kor.activeset", "2");
-        const std::string path = put(d, row.korm) + (has("none") ? ".none" : ""), log = d.workdir() + "/hooks.log";
+        const std::string path = put(d, row.korm) + (has("none") ? ".none" : has("empty") ? ".empty" : ""),
+                          log = d.workdir() + "/hooks.log";
+        if (has("empty")) d.write_file(path, "");
         std::vector<std::string> args{"install", path};  // then the row's arguments
         std::string line;
         for (std::istringstream words(row.args); words >> line;) args.push_back(line);
