@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -84,4 +85,11 @@ uint8_t* device_io_buffer()
 {
     alignas(DEVICE_IO_ALIGN) static uint8_t buffer[DEVICE_IO_SIZE];
     return buffer;
+}
+
+bool set_direct_io(int fd, bool on)
+{
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || ((flags & O_DIRECT) != 0) == on) return false;
+    return fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT) == 0;
 }

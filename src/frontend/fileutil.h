@@ -28,6 +28,9 @@ uint32_t crc32_calc(uint32_t crc, const void* buffer, uint32_t length);
 constexpr uint32_t DEVICE_IO_SIZE = uint32_t{1} << 20;
 constexpr uint32_t DEVICE_IO_ALIGN = 4096;
 uint8_t* device_io_buffer();
+// Turns direct I/O (O_DIRECT) on or off for an open descriptor: true when
+// the descriptor changed, false when it was so already or cannot change.
+bool set_direct_io(int fd, bool on);
 
 // libcurl's write-callback shape; returns the number of bytes taken.
 using receive_fn = size_t (*)(void* data, size_t size, size_t count, void* ctx);

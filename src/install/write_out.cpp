@@ -50,21 +50,6 @@ void print_plan_line(const install_ctx* c, int i)
                 e->partinfo_idx, e->wts);
 }
 
-// Partition data goes to the device with direct I/O, block-aligned pieces
-// copied through the device I/O buffer: it does not pass through (and push
-// out) the page cache, which on the device is a good share of its memory,
-// and the flush before the read-back has nothing left to do. The few bytes
-// at the unaligned edges of a piece go through the cache.
-constexpr uint64_t DIRECT_ALIGN = DEVICE_IO_ALIGN;
-
-bool set_direct(int fd, bool on)
-{
-    int flags = fcntl(fd, F_GETFL);
-    if (flags < 0) return false;
-    flags = on ? flags | O_DIRECT : flags & ~O_DIRECT;
-    return fcntl(fd, F_SETFL, flags) == 0;
-}
-
 // Bytes of [p, p + n) written at `at`; fewer when a write fails (errno set).
 uint64_t write_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
 {
@@ -81,12 +66,18 @@ uint64_t write_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
     return done;
 }
 
+// Partition data goes to the device with direct I/O, block-aligned pieces
+// copied through the device I/O buffer: it does not pass through (and push
+// out) the page cache, which on the device is a good share of its memory,
+// and the flush before the read-back has nothing left to do. The few bytes
+// at the unaligned edges of a piece go through the cache.
+//
 // The aligned inside [from, to) of `n` bytes placed at `at`, written
 // directly. Bytes written; -1 when the device takes no direct writes, so
 // that the caller writes everything through the cache instead.
 int64_t write_direct(int fd, const uint8_t* p, uint64_t at, uint64_t from, uint64_t to)
 {
-    if (!set_direct(fd, true)) return -1;
+    if (!set_direct_io(fd, true)) return -1;
     uint64_t pos = from;
     while (pos < to) {
         uint32_t n = to - pos < DEVICE_IO_SIZE ? static_cast<uint32_t>(to - pos) : DEVICE_IO_SIZE;
@@ -98,18 +89,18 @@ int64_t write_direct(int fd, const uint8_t* p, uint64_t at, uint64_t from, uint6
         }
         int e = errno;
         bool refused = pos == from && r == 0 && e == EINVAL;
-        (void)set_direct(fd, false);
+        (void)set_direct_io(fd, false);
         errno = e;
         return refused ? -1 : static_cast<int64_t>(pos + r - from);
     }
-    return set_direct(fd, false) ? static_cast<int64_t>(to - from) : -1;
+    return set_direct_io(fd, false) ? static_cast<int64_t>(to - from) : -1;
 }
 
 // Writes n bytes at `at`; the bytes written, fewer on failure (errno set).
 uint64_t write_piece_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
 {
-    uint64_t from = (at + DIRECT_ALIGN - 1) / DIRECT_ALIGN * DIRECT_ALIGN;
-    uint64_t to = (at + n) / DIRECT_ALIGN * DIRECT_ALIGN;
+    uint64_t from = (at + DEVICE_IO_ALIGN - 1) / DEVICE_IO_ALIGN * DEVICE_IO_ALIGN;
+    uint64_t to = (at + n) / DEVICE_IO_ALIGN * DEVICE_IO_ALIGN;
     if (from >= to) return write_at(fd, p, n, at);
     int64_t inside = write_direct(fd, p, at, from, to);
     if (inside < 0) return write_at(fd, p, n, at);

@@ -187,9 +187,7 @@ struct device_reader {
     // cache after all, with the cache dropped first.
     bool drop_direct()
     {
-        int flags = fcntl(fd, F_GETFL);
-        if (flags < 0 || !(flags & O_DIRECT)) return false;
-        if (fcntl(fd, F_SETFL, flags & ~O_DIRECT) != 0) return false;
+        if (!set_direct_io(fd, false)) return false;
         (void)posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
         return true;
     }
