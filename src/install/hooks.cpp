@@ -4,7 +4,7 @@
 // A build without plugin support never calls a hook.
 #include <type_traits>
 
-#include "frontend/console.h"
+#include "base/console.h"
 #include "install/install.h"
 
 #ifdef KOR_PLUGINS
@@ -71,21 +71,29 @@ const hook_binding* hook_table()
     return table;
 }
 
-// The functions found in the loaded plugin, by position in hook_table.
-void* plugin_functions[HOOK_COUNT];
+// The hooks in force, bound on first use: a plugin is loaded while the
+// options are read, before any hook can be called, so one binding serves
+// the whole run.
+kor_hooks g_in_force;
+bool g_bound = false;
+
+void bind_all(void* const plugin_functions[HOOK_COUNT])
+{
+    g_in_force = kor_hooks{};
+    const hook_binding* table = hook_table();
+    for (int i = 0; i < HOOK_COUNT; ++i) {
+        table[i].bind(g_in_force, table[i].linked);
+        if (plugin_functions) table[i].bind(g_in_force, plugin_functions[i]);
+    }
+    g_bound = true;
+}
 
 }  // namespace
 
 const kor_hooks* kor_hooks_get()
 {
-    static kor_hooks in_force;
-    in_force = kor_hooks{};
-    const hook_binding* table = hook_table();
-    for (int i = 0; i < HOOK_COUNT; ++i) {
-        table[i].bind(in_force, table[i].linked);
-        table[i].bind(in_force, plugin_functions[i]);
-    }
-    return &in_force;
+    if (!g_bound) bind_all(nullptr);
+    return &g_in_force;
 }
 
 int kor_plugin_load(const char* path)
@@ -100,7 +108,9 @@ int kor_plugin_load(const char* path)
         return -1;
     }
     const hook_binding* table = hook_table();
+    void* plugin_functions[HOOK_COUNT];
     for (int i = 0; i < HOOK_COUNT; ++i) plugin_functions[i] = dlsym(handle, table[i].name);
+    bind_all(plugin_functions);
     return 0;
 }
 
