@@ -6,7 +6,7 @@
 #include <chrono>
 #include <vector>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <functional>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 #include "mkvelk.h"
 #include "velk/velk_stream_parser.h"
 

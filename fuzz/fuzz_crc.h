@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 #include "velk/velk.h"
 
 namespace fuzz {

@@ -10,7 +10,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "frontend/console.h"
+#include "base/console.h"
 #include "fuzz_crc.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"

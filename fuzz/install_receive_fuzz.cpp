@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "fuzz_split.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
 #include "mkvelk.h"

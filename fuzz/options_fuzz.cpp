@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "frontend/options.h"
+#include "cli/cli.h"
 #include "fuzz_check.h"
 
 namespace {

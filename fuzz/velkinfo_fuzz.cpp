@@ -8,8 +8,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "fuzz_crc.h"
 #include "velk/velkinfo.h"
 

@@ -11,7 +11,7 @@ man)
   for page in "$src/docs/kor.8" "$src/docs/mkvelk.1"; do
     ! have mandoc || lint mandoc -T lint -W warning "$page"; ! have groff || lint groff -ww -z -man "$page"; done
   # Every action word of the usage text has its entry in kor.8.
-  for word in $(sed -n '/where ACTION usage must be/,/COMMON OPTIONS/s/^ *"  \([a-z]*\).*/\1/p' "$src/src/frontend/options.cpp"); do
+  for word in $(sed -n '/where ACTION usage must be/,/COMMON OPTIONS/s/^ *"  \([a-z]*\).*/\1/p' "$src/src/cli/options.cpp"); do
     awk -v w="$word" 'prev == ".TP" && ($2 == w || $2 == "\"" w || index($2, "\"" w " ") == 1) { found = 1 }
       { prev = $1 } END { exit !found }' "$src/docs/kor.8" || fail "kor.8 lacks the action $word"
   done ;;

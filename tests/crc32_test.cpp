@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 
 TEST(Crc32, MatchesZlibForEveryLengthOffsetAndStart)
 {

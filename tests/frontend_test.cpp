@@ -7,8 +7,8 @@
 #include <iterator>
 #include <sstream>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "cli/cli.h"
 #include "support/sandbox.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <iterator>
 #include <sstream>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
 #include "mkvelk.h"

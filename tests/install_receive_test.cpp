@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "frontend/options.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"
 #include "mkvelk.h"

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "frontend/console.h"
+#include "base/console.h"
 #include "korl/korl.h"
 #include "support/sandbox.h"
 

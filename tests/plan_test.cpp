@@ -2,7 +2,7 @@
 #include <array>
 #include <cstring>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 #include "install/install.h"
 #include "support/sandbox.h"
 

@@ -3,8 +3,8 @@
 #include "actions/actions.h"
 
 #include "actions/set_reports.h"
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"
 #include "korl/korl.h"

@@ -1,7 +1,7 @@
 // The info action: the metadata report and the upgrade states.
 #include "actions/actions.h"
 
-#include "frontend/console.h"
+#include "base/console.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <sys/mount.h>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
 

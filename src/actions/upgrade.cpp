@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "actions/set_reports.h"
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/fileutil.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
 

@@ -1,5 +1,5 @@
 // Console output, logging and assertions.
-#include "frontend/console.h"
+#include "base/console.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -17,6 +17,10 @@ constexpr uint32_t kConsoleSize = 80;
 // notices of its own.
 int g_critical_depth = 0;
 
+// Signals noted by the worker's handler, by number.
+constexpr int kSignals = 65;
+volatile sig_atomic_t g_pending[kSignals];
+
 void log_message(int priority, bool always, const char* format, va_list ap)
 {
     kor_log_pending_signals();
@@ -27,6 +31,20 @@ void log_message(int priority, bool always, const char* format, va_list ap)
 }
 
 }  // namespace
+
+void kor_defer_signal(int signo)
+{
+    if (signo > 0 && signo < kSignals) g_pending[signo] = 1;
+}
+
+void kor_log_pending_signals()
+{
+    for (int s = 1; s < kSignals; s++) {
+        if (!g_pending[s]) continue;
+        g_pending[s] = 0;
+        log_console(LOG_INFO, "%s: Got signal #%i\n", "child", s);
+    }
+}
 
 void log_console(int priority, const char* format, ...)
 {

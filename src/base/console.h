@@ -17,7 +17,11 @@ void critical_enter(const char* format, ...) KOR_PRINTF(1, 2);
 void critical_leave(const char* format, ...) KOR_PRINTF(1, 2);
 int critical_depth();
 
-// Logs the signals the worker caught and deferred (see entry.cpp).
+// Signals the worker caught are logged from its normal flow, not from the
+// handler: the worker may be inside stdio or syslog when one arrives.
+// kor_defer_signal only notes the signal (async-signal-safe); every message
+// and the worker's end log the noted ones.
+void kor_defer_signal(int signo);
 void kor_log_pending_signals();
 
 int32_t zb_console_puts(const char* text);

@@ -6,7 +6,7 @@
 // and everything on other processors.
 #include <zlib.h>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>

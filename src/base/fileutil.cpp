@@ -1,6 +1,6 @@
 #include <cerrno>
 // Whole-file helpers and CRC-32.
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 
 #include <cstdarg>
 #include <cstdint>

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <unistd.h>
 
-#include "frontend/console.h"
+#include "base/console.h"
 
 // Each opens the path, does one thing and closes it again. -1 on a failed
 // open or close. fnwrite and fnprintf also flush the data to the device

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 
 namespace {
 

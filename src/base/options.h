@@ -1,4 +1,5 @@
-// The options record, the command-line parse, the lock and action dispatch.
+// The options record every action is handed: filled once by the command line
+// (src/cli) and read everywhere below it.
 #pragma once
 
 #include <cstdint>
@@ -46,16 +47,3 @@ constexpr const char* KOR_DEFAULT_LOCKFILE = "/tmp/kor.lock";
 constexpr const char* KOR_DEFAULT_AUTOSETFILE = "/tmp/kor.autoset";
 constexpr const char* KOR_DEFAULT_ACTIVESETFILE = "/tmp/kor.activeset";
 constexpr uint32_t KOR_DEFAULT_VELKSIZE = 0x4000000;
-
-extern const char kor_usage_text[];
-
-// Fills the record from defaults, the environment and argv[1..]. Returns 0
-// when the run may go on, else the exit status (the message is logged).
-// Reads nothing but its arguments and KOR_PRODUCT/KOR_PLATFORM.
-[[nodiscard]] int kor_options_parse(kor_options* o, int argc, char** argv);
-
-// The worker's run: parse, verbose dump, lock, one action, unlock.
-[[nodiscard]] int kor_run(int argc, char** argv);
-
-// The whole program: syslog, signals, fork, parent waits (main calls this).
-[[nodiscard]] int kor_main(int argc, char** argv);

@@ -10,17 +10,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "cli/cli.h"
 
 namespace {
 
 // -1 before the fork, 0 parent, 1 worker. Only the signal handler reads it.
 volatile sig_atomic_t g_role = -1;
-
-// Signals caught in the worker, logged from its normal flow: the worker may
-// be inside stdio or syslog when one arrives, so it must not format there.
-volatile sig_atomic_t g_pending[65];
 
 const int kCaught[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
 
@@ -36,7 +32,7 @@ void log_signal(int signo)
     // The parent does nothing but wait(), so logging right here cannot
     // interrupt a stream or syslog call of its own.
     if (g_role == 1) {
-        if (signo > 0 && signo < 65) g_pending[signo] = 1;
+        kor_defer_signal(signo);
         return;
     }
     int saved = errno;
@@ -101,17 +97,6 @@ int worker(int argc, char** argv)
 }
 
 }  // namespace
-
-// Logs the signals the worker caught since the last call.
-void kor_log_pending_signals()
-{
-    if (g_role != 1) return;
-    for (int s = 1; s < 65; s++) {
-        if (!g_pending[s]) continue;
-        g_pending[s] = 0;
-        log_console(LOG_INFO, "%s: Got signal #%i\n", role_word(1), s);
-    }
-}
 
 int kor_main(int argc, char** argv)
 {

@@ -1,3 +1,3 @@
-#include "frontend/options.h"
+#include "cli/cli.h"
 
 int main(int argc, char** argv) { return kor_main(argc, argv); }

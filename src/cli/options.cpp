@@ -1,5 +1,5 @@
 // Options, the lock file and the action dispatch: the worker's run.
-#include "frontend/options.h"
+#include "cli/cli.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "actions/actions.h"
-#include "frontend/console.h"
+#include "base/console.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"
 #include "velk/velkinfo.h"

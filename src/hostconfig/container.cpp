@@ -3,8 +3,8 @@
 
 #include <cstring>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
+#include "base/console.h"
+#include "base/fileutil.h"
 
 namespace {
 

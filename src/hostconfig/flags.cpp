@@ -5,8 +5,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
+#include "base/console.h"
+#include "base/fileutil.h"
 
 const char* const upgrade_state_names[3] = {"VALID", "TEST", "BOOT"};
 

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "korl/korl.h"
 
 // Writes regardless of -dryrun, and without reading what is stored: any

@@ -3,8 +3,8 @@
 
 #include <cstring>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "korl/korl.h"
 
 namespace {

@@ -12,9 +12,9 @@
 #include <memory>
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/fileutil.h"
+#include "base/options.h"
 #include "korl/korl.h"
 
 namespace {

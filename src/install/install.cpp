@@ -7,9 +7,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/fileutil.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"
 #include "install/install_steps.h"

@@ -1,8 +1,8 @@
 // The install's checks before anything is written: the release header
 // against -product and -minver, the recording of the plan, and the CRC32
 // check of every partition that the plan keeps.
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "install/install_steps.h"
 
 namespace {

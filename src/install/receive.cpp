@@ -3,8 +3,8 @@
 // range mode, ends the transfer in front of bodies that will not be written.
 #include <cstring>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "install/install.h"
 
 namespace {

@@ -5,9 +5,9 @@
 
 #include <sys/mman.h>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/fileutil.h"
+#include "base/options.h"
 #include "install/install.h"
 
 namespace {

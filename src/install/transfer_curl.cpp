@@ -12,8 +12,8 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "frontend/console.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/options.h"
 #include "install/install.h"
 #include "velk/velk_stream_parser.h"
 

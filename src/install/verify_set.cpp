@@ -1,7 +1,7 @@
 // Read-back check of every partition of one set.
 #include <cstring>
 
-#include "frontend/console.h"
+#include "base/console.h"
 #include "install/install.h"
 
 namespace {

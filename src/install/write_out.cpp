@@ -7,9 +7,9 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/fileutil.h"
+#include "base/options.h"
 #include "install/install.h"
 
 namespace {

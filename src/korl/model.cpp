@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frontend/console.h"
+#include "base/console.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
+#include "base/console.h"
+#include "base/fileutil.h"
 #include "korl/korl.h"
 
 namespace {

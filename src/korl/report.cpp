@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#include "frontend/console.h"
+#include "base/console.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // name fills its field), so each is copied into a terminated local first.
 #include <cstring>
 
-#include "frontend/console.h"
+#include "base/console.h"
 #include "velk/velkinfo.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
+#include "base/console.h"
+#include "base/fileutil.h"
 
 #define SP_ASSERT(cond) KOR_ASSERT("velk_stream_parser", cond)
 

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <memory>
 
-#include "frontend/console.h"
-#include "frontend/fileutil.h"
-#include "frontend/options.h"
+#include "base/console.h"
+#include "base/fileutil.h"
+#include "base/options.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <ctime>
 
 #include "cli.h"
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 #include "mkvelk.h"
 
 namespace mkvelk {

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "frontend/fileutil.h"
+#include "base/fileutil.h"
 #include "velk/velk.h"
 
 namespace mkvelk {
