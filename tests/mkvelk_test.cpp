@@ -63,7 +63,7 @@ TEST(MkvelkTool, GeneratesOrRefuses)
     const std::string at = dev.workdir() + "/", sw = " --software s:1.2.3:k",  // common arguments; a later value wins
                       with = "--version 2.1.37 --date 1700000000 --build-id b42 --products a,b -o bad.velk";
     const char* emulator = std::getenv("KOR_TEST_EMULATOR");  // the shell is the host's, mkvelk maybe not
-    const std::string tool = (emulator ? std::string(emulator) + " " : "") + MKVELK_BINARY " ";
+    const std::string tool = (emulator ? std::string(emulator) + " " : "") + "'" MKVELK_BINARY "' ";
     const auto run = [&](auto args) { return dev.run({"sh", "-c", "cd " + at + " && " + tool + args}); };
     const auto image = [&] { std::string s = dev.read_file(at + "out.velk"); return bytes(s.begin(), s.end()); };
     std::string many, eighteen;  // KORM lines, data parts besides one software part

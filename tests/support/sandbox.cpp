@@ -93,6 +93,20 @@ Strings in_sandbox(Strings argv)
     return out.insert(out.end(), argv.begin(), argv.end()), out;
 }
 
+// A tree of a clone that lives below a directory the Device covers (a clone
+// under /tmp) is bound back at its own path, so that tests reading their
+// golden files or loading a plugin in the test process find them there.
+void reveal_covered_trees(const Strings& covered)
+{
+    for (const auto& [host, at] : kTrees) {
+        for (const std::string& dir : covered) {
+            if (host.rfind(dir + "/", 0) != 0) continue;
+            mkdirs(host);
+            mount_at(at, host, nullptr);
+        }
+    }
+}
+
 }  // namespace
 
 bool available(std::string* why) { return why ? (*why = enter()).empty() : enter().empty(); }
@@ -124,8 +138,10 @@ int Device::spawn(Strings argv, const Strings& args, const RunOptions& o)
 Device::Device()
 {
     check(enter().empty(), "sandbox not available: " + enter());
+    const Strings covered = {"/dev", "/tmp", "/mnt"};
     for (const std::string& at : {std::string("/dev"), std::string("/tmp"), std::string("/mnt"), kWork})
         mount_at("tmpfs", at, "tmpfs", at == "/tmp" ? "mode=1777" : "mode=755");
+    reveal_covered_trees(covered);
     check(mkdir(kPrivate.c_str(), 0755) == 0 && mkdir("/dev/pts", 0755) == 0, "mkdir");
     for (auto [name, minor] : {std::pair{"null", 3}, {"zero", 5}, {"urandom", 9}})
         make_node(std::string("/dev/") + name, S_IFCHR | 0666, makedev(1, minor));
