@@ -23,7 +23,8 @@ set(CMAKE_CXX_COMPILER ${KOR_TRIPLE}-g++)
 
 set(_kor_inc "${KOR_ARMHF_SYSROOT}/usr/include")
 set(_kor_libs "${KOR_ARMHF_SYSROOT}/usr/lib/${KOR_TRIPLE}" "${KOR_ARMHF_SYSROOT}/lib/${KOR_TRIPLE}")
-set(_kor_flags "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard -isystem ${_kor_inc}/${KOR_TRIPLE} -isystem ${_kor_inc}")
+# Paths are quoted inside the flags: a clone's path may hold blanks.
+set(_kor_flags "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard -isystem \"${_kor_inc}/${KOR_TRIPLE}\" -isystem \"${_kor_inc}\"")
 set(CMAKE_C_FLAGS_INIT "${_kor_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_kor_flags}")
 # Small release binaries: the device's image has little room to spare.
@@ -33,7 +34,7 @@ set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG" CACHE STRING "C++ flags of release bu
 
 set(_kor_ld "")
 foreach(d ${_kor_libs})
-  string(APPEND _kor_ld " -L${d} -Wl,-rpath-link,${d}")
+  string(APPEND _kor_ld " \"-L${d}\" \"-Wl,-rpath-link,${d}\"")
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_kor_ld}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_kor_ld}")

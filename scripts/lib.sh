@@ -89,5 +89,7 @@ kor_armhf_sysroot() {
   touch "$root/.complete"
 }
 
-# The command that runs an armhf program of ours on this machine.
-kor_armhf_emulator() { echo "qemu-arm -L $KOR_ARMHF_SYSROOT"; }
+# The command that runs an armhf program of ours on this machine. qemu-arm
+# finds the armhf loader and libraries through QEMU_LD_PREFIX: a sysroot path
+# with blanks then needs no quoting in the command.
+kor_armhf_emulator() { echo "qemu-arm"; }
