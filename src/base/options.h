@@ -37,6 +37,8 @@ struct kor_options {
     uint32_t minver_minor;
     uint32_t minver_buildnumber;
     char plugin[200];
+    char keys[KOR_PATH_SIZE];  // -keys=: key directory or file instead of kor_key_dir
+    int32_t downgrade;         // -downgrade: the minimum release file does not apply
     const char* words[KOR_MAX_WORDS];
     int32_t nwords;
 };
@@ -47,3 +49,8 @@ constexpr const char* KOR_DEFAULT_LOCKFILE = "/tmp/kor.lock";
 constexpr const char* KOR_DEFAULT_AUTOSETFILE = "/tmp/kor.autoset";
 constexpr const char* KOR_DEFAULT_ACTIVESETFILE = "/tmp/kor.activeset";
 constexpr uint32_t KOR_DEFAULT_VELKSIZE = 0x4000000;
+
+// The signing policy compiled into the build (src/base/policy.cpp).
+extern const char kor_key_dir[];           // every *.pub in it is a trusted key
+extern const char kor_min_release_file[];  // "M.N.B": older releases are refused
+extern const bool kor_require_signature;   // no keys at all refuses every install
