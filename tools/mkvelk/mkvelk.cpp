@@ -18,8 +18,9 @@ void put(bytes& out, size_t at, const void* src, size_t n)
     if (n != 0) std::memcpy(out.data() + at, src, n);
 }
 
-// A part's bytes as they stand in the file: header, body, zero padding.
-bytes lay_out(const part& p)
+}  // namespace
+
+bytes part_bytes(const part& p)
 {
     const uint32_t hdr_length = VELK_CONTENT_HEADER_SIZE + uint32_t(p.header_extra.size());
     const uint32_t body_length = uint32_t(p.body.size());
@@ -39,6 +40,8 @@ bytes lay_out(const part& p)
     put(out, hdr_length, p.body.data(), body_length);
     return out;
 }
+
+namespace {
 
 bytes text_bytes(const std::string& text)
 {
@@ -136,7 +139,7 @@ bytes build_image(const std::vector<part>& parts)
     bytes body;
     for (const part& p : parts) {
         if (part_problem(p) != nullptr) return {};
-        bytes laid = lay_out(p);
+        bytes laid = part_bytes(p);
         if (laid.size() > 0xFFFFFFFFu - VELK_ID_SIZE - VELK_HEADER_SIZE - body.size()) return {};
         body.insert(body.end(), laid.begin(), laid.end());
     }

@@ -3,8 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+struct evp_pkey_st;
 
 namespace mkvelk {
 
@@ -38,9 +41,55 @@ part korm(const std::string& text);  // "korm" part; the body is the text and a 
 // nullptr when it can.
 const char* part_problem(const part& p);
 
+// A part as it stands in the file: header (CRCs filled in), body, padding.
+bytes part_bytes(const part& p);
+
 // The whole file: identification, 16-byte file header, the parts with their
 // padding, every CRC filled in. Empty when a part has a problem or the image
 // would not fit the 32-bit lengths.
 bytes build_image(const std::vector<part>& parts);
+
+// ---- signing (libcrypto, on the build host) ----
+
+struct key_deleter {
+    void operator()(evp_pkey_st* k) const;
+};
+using signing_key = std::unique_ptr<evp_pkey_st, key_deleter>;
+
+// An Ed25519 private key from a PEM file as "openssl genpkey -algorithm
+// ed25519" writes it (PKCS#8, not encrypted); null with the reason in `why`.
+signing_key read_signing_key(const std::string& path, std::string* why);
+// An Ed25519 private key from its 32 seed bytes (tests: fixed keys).
+signing_key signing_key_from_seed(const bytes& seed);
+bytes public_key_of(const signing_key& key);  // 32 bytes
+// PEM "PUBLIC KEY" text of a raw Ed25519 public key, as "openssl pkey
+// -pubout" writes it; from PEM text back to the raw key (empty: not one).
+std::string public_key_pem(const bytes& public_key);
+bytes public_key_from_pem(const std::string& pem);
+bytes key_id_of(const bytes& public_key);  // 8 bytes: what an image names a key by
+bytes sha256(const bytes& data);
+bytes sign_message(const signing_key& key, const bytes& message);  // 64 bytes
+bool verify_message(const bytes& public_key, const bytes& message, const bytes& signature);
+
+// The manifest of a signed image's parts (parts[1], the signature part, is
+// left out): what a key signs.
+bytes manifest_of(const std::vector<part>& parts);
+// The signature part (content part 1) for `manifest` with these signature
+// entries (key id and signature, 72 bytes each).
+part signature_part(const bytes& manifest, const std::vector<bytes>& entries);
+// Key id and signature of `manifest` under `key`.
+bytes signature_entry(const signing_key& key, const bytes& manifest);
+// `parts` (release header first) with a signature part inserted as part 1,
+// signed by every key (none: a signature part to be signed later).
+std::vector<part> sign_parts(std::vector<part> parts, const std::vector<const signing_key*>& keys);
+
+// The manifest of a signed image file (the bytes an offline signer signs);
+// empty with the reason in `why`.
+bytes image_manifest(const bytes& image, std::string* why);
+// The image with one more signature in its signature part, checked against
+// `public_key` first. Only part 1, its CRCs and the file header change;
+// every other part stays byte for byte. Empty with the reason in `why`.
+bytes add_signature(const bytes& image, const bytes& public_key, const bytes& signature,
+                    std::string* why);
 
 }  // namespace mkvelk
