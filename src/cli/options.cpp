@@ -32,7 +32,7 @@ const char kor_usage_text[] =
     "  mount [SETIDX|SETNAME]\n"
     "  getpartset [SETIDX|active] [name] [-pif=PIF]\n"
     "  getrh [SETIDX|SETNAME|active] [-pif=PIF]\n"
-    "  velkinfo VELK [-all]\n"
+    "  velkinfo VELK [-all] [-keys=PATH]\n"
     "COMMON OPTIONS can be located anywhere as long\n"
     "as they do not break the syntax of an ACTION:\n"
     "  -dryrun       do not alter hostconfig\n"
@@ -52,6 +52,9 @@ const char kor_usage_text[] =
     "                 can also be set from the environment KOR_PLATFORM\n"
     "  -minver=major.minor.buildnumber mimimum release version to install\n"
     "  -iptos=TOS    set type of service (TOS) for IP communication\n"
+    "  -keys=PATH    trust the public keys in PATH (a directory of *.pub\n"
+    "                 files, or one file) instead of the device's own\n"
+    "  -downgrade    install a release older than the device's minimum\n"
     "HOSTCFG:\n"
     "  For this system default hostconfig (HOSTCFG) is located at:\n"
     "    /dev/mmcblk0p3 (backup located at /dev/mmcblk0p4)\n"
@@ -108,6 +111,8 @@ const opt_row kOptionRows[] = {
     {"-cfg", opt_kind::path, "-cfg=", "-cfg syntax failure.\n"},
     {"-onlymeta", opt_kind::flag_prefix, nullptr, nullptr},
     {"-noactivate", opt_kind::flag, nullptr, nullptr},
+    {"-downgrade", opt_kind::flag, nullptr, nullptr},
+    {"-keys=", opt_kind::path, "-keys=", "-keys syntax failure.\n"},
     {"-product=", opt_kind::product, nullptr, nullptr},
     {"-platform=", opt_kind::platform, nullptr, nullptr},
     {"-minver=", opt_kind::minver, nullptr, "-minver syntax failure.\n"},
@@ -143,6 +148,7 @@ int32_t* flag_field(kor_options* o, const char* match)
         {"-test", &kor_options::test},     {"-v", &kor_options::v},
         {"-f", &kor_options::f},           {"-rewrite", &kor_options::rewrite},
         {"-onlymeta", &kor_options::onlymeta}, {"-noactivate", &kor_options::noactivate},
+        {"-downgrade", &kor_options::downgrade},
     };
     for (const auto& f : flags)
         if (std::strcmp(f.match, match) == 0) return &(o->*(f.field));
@@ -155,6 +161,7 @@ char* path_field(kor_options* o, const char* pattern)
     if (std::strcmp(pattern, "-cfg=") == 0) return o->cfg;
     if (std::strcmp(pattern, "-lockfile=") == 0) return o->lockfile;
     if (std::strcmp(pattern, "-autosetfile=") == 0) return o->autosetfile;
+    if (std::strcmp(pattern, "-keys=") == 0) return o->keys;
     return o->activesetfile;
 }
 

@@ -115,6 +115,12 @@ int generate_pools(install_run* run)
     return GO_ON;
 }
 
+int load_keys(install_run* run)
+{
+    int r = install_load_keys(&run->ctx, &run->keys);
+    return r == 0 ? GO_ON : r;
+}
+
 int bring_image(install_run* run)
 {
     int r = transfer_image(&run->ctx, &run->hc, run->source);
@@ -144,9 +150,8 @@ using step_fn = int (*)(install_run*);
 
 // Everything before the critical region; each step may end the install.
 constexpr step_fn preparation[] = {
-    parse_arguments, load_metadata,     generate_pools, choose_set,   bring_image,
-    check_release,   pre_metainstall,   record_plan,    check_kept,   claim_autoset,
-    pre_install,
+    parse_arguments, load_metadata, generate_pools,  choose_set,  load_keys,     bring_image,
+    check_release,   pre_metainstall, record_plan,   check_kept,  claim_autoset, pre_install,
 };
 
 }  // namespace

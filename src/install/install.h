@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "korl/korl.h"
+#include "velk/velk_sig.h"
 #include "velk/velk_stream_parser.h"
 
 struct kor_options;
@@ -40,11 +41,15 @@ struct install_ctx {
     char header_text[INSTALL_HEADER_TEXT];
     uint32_t header_fill;
     int32_t header_overflow;  // a response header did not fit header_text
+    const velk_keyring* keys;  // the trusted keys; null: signatures are not checked
+    velk_sig_check sig;        // the image against its signed manifest
 };
 
 // Install exit statuses with a name of their own.
 constexpr int KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE = 10;
 constexpr int KOR_EXIT_FATAL_ERR_SINGLETON_WRITE = 11;
+constexpr int KOR_EXIT_SIGNATURE_REFUSED = 15;  // the image is not what a trusted key signed
+constexpr int KOR_EXIT_SIGNATURE_UNUSABLE = 18;  // keys or the crypto library cannot be used
 
 [[nodiscard]] int action_install(kor_options* opts);
 
@@ -66,6 +71,18 @@ size_t ftp_header_callback(char* data, size_t size, size_t count, void* ctx);
 int sockopt_callback(void* ctx, int socket, int purpose);
 // 1 when the source is a URL (scheme filled, at most 9 characters), else 0.
 int source_is_url(const char* source, char scheme[10]);
+
+// Signed images. The keys of this run: the -keys= path or the compiled-in
+// key directory; 0 when the install may go on (ctx->keys set when there are
+// keys), else the exit status (message logged).
+[[nodiscard]] int install_load_keys(install_ctx* ctx, velk_keyring* ring);
+// The signature check of what the parser has taken so far; false when the
+// image is refused (message logged).
+[[nodiscard]] bool install_check_signature(install_ctx* ctx);
+// The image is complete: every part of the manifest arrived. Same results.
+[[nodiscard]] bool install_check_signature_end(install_ctx* ctx);
+// 0, or the exit status of a refusal by the signature check.
+int install_signature_status(const install_ctx* ctx);
 
 // Receiver and writer.
 size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx);

@@ -2,6 +2,7 @@
 // against -product and -minver, the recording of the plan, and the CRC32
 // check of every partition that the plan keeps.
 #include "base/console.h"
+#include "base/fileutil.h"
 #include "base/options.h"
 #include "install/install_steps.h"
 
@@ -46,6 +47,67 @@ int check_product(const kor_options* o, const velk_content_header* cp)
     if (korl_match_model(cp, o->product)) return GO_ON;
     log_console(LOG_ERR, "install: Release header does not contain model '%s'\n", o->product);
     return 6;
+}
+
+// The minimum release file: 1 with the version in `v`, 0 when there is no
+// such file, -1 when it cannot be read or holds anything but "M.N.B" (and a
+// line end).
+int read_min_release(const char* path, uint32_t v[3])
+{
+    if (!fnexists(path)) return 0;
+    char text[32];
+    int n = fnread(path, text, sizeof text - 1);
+    if (n < 0 || n == static_cast<int>(sizeof text - 1)) return -1;
+    text[n] = '\0';
+    const uint32_t limits[3] = {255, 255, 65535};
+    const char* p = text;
+    for (int i = 0; i < 3; ++i) {
+        if (i > 0 && *p++ != '.') return -1;
+        if (*p < '0' || *p > '9') return -1;
+        uint32_t x = 0;
+        while (*p >= '0' && *p <= '9' && x <= limits[i]) x = x * 10 + static_cast<uint32_t>(*p++ - '0');
+        if (x > limits[i]) return -1;
+        v[i] = x;
+    }
+    if (*p == '\r') ++p;
+    if (*p == '\n') ++p;
+    return *p == '\0' ? 1 : -1;
+}
+
+// The device's own floor: a signed but old release must not bring back
+// what a newer one fixed. -downgrade is the operator's way past it.
+int check_floor(const kor_options* o, const velk_content_header* cp)
+{
+    if (o->downgrade) return GO_ON;
+    const char* path = kor_min_release_file;
+    uint32_t floor[3];
+    int r = read_min_release(path, floor);
+    if (r == 0) return GO_ON;
+    if (r < 0) {
+        log_console(LOG_ERR, "install: cannot read the minimum release from %s\n", path);
+        return 7;
+    }
+    if (!is_release_header(cp)) {
+        log_console(LOG_ERR, "Expected release header in VELK when %s sets a minimum release\n", path);
+        return 7;
+    }
+    const korl_rhdr* rh = release_info(cp);
+    if (korl_check_minver(rh->release_version_major, rh->release_version_minor,
+                          rh->release_build_number, floor[0], floor[1], floor[2]))
+        return GO_ON;
+    log_console(LOG_ERR, "install: release %u.%u-%u is older than the minimum %u.%u-%u (%s)\n",
+                rh->release_version_major, rh->release_version_minor, rh->release_build_number,
+                floor[0], floor[1], floor[2], path);
+    return 7;
+}
+
+// A signed image on a device without keys installs as any other; the log
+// says that nobody looked at the signature.
+void note_unchecked_signature(const install_run* run)
+{
+    const velk_content_header* sig = velk_stream_parser_content_parts(run->ctx.parser)[VELK_SIG_PART];
+    if (run->ctx.keys || !sig || velk_sig_check_header(sig) == VELK_SIG_ERR_NOT_SIGNED) return;
+    log_always(LOG_NOTICE, "install: image is signed, but no keys are configured: signature not checked\n");
 }
 
 int check_minver(const kor_options* o, const velk_content_header* cp)
@@ -129,7 +191,18 @@ int check_element(install_run* run, korm_element* e)
         return GO_ON;
     }
     if (o->onlymeta) return GO_ON;
-    if (crc32_check(&run->data, e->partinfo_idx, e->wts) == KORL_CRC_OK) return GO_ON;
+    // In a signed install the partition must also hold what the manifest
+    // signed, not merely something with the same CRC32.
+    const velk_manifest_entry* signed_entry = velk_sig_entry(&run->ctx.sig, e->cidx);
+    int r = crc32_sha256_check(&run->data, e->partinfo_idx, e->wts,
+                               signed_entry ? signed_entry->body_sha256 : nullptr);
+    if (r == KORL_CRC_OK) {
+        if (signed_entry) run->ctx.parser->info[e->cidx].validated_by_signature = 1;
+        return GO_ON;
+    }
+    if (r == KORL_SHA_MISMATCH)
+        log_always(LOG_ERR, "SHA-256 of partition %i does not match the signed manifest\n",
+                   e->partinfo_idx);
     if (!cp) {
         log_always(LOG_CRIT,
                    "CRC32 validation of partition %i failed. Only fixable with a non-partial "
@@ -156,8 +229,10 @@ int check_release(install_run* run)
 {
     const velk_content_header* cp = part0(run);
     if (is_release_header(cp)) log_release(cp);
+    note_unchecked_signature(run);
     int r = check_product(run->opts, cp);
-    return r != GO_ON ? r : check_minver(run->opts, cp);
+    if (r == GO_ON) r = check_minver(run->opts, cp);
+    return r != GO_ON ? r : check_floor(run->opts, cp);
 }
 
 int record_plan(install_run* run)

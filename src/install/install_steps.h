@@ -11,6 +11,7 @@ struct install_run {
     korl_data stored;  // the record as loaded, before the plan was recorded
     hostconfig hc;
     install_ctx ctx;
+    velk_keyring keys;  // the keys that may sign the image
     const char* source;
     int wanted_set;  // -1: choose automatically
     bool autoset;    // the set was chosen automatically

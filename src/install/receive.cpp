@@ -201,6 +201,9 @@ size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx)
             return fail(c, n);
         }
     }
+    // Nothing below acts on a part (skip, plan, late decision) before the
+    // signature check has matched it.
+    if (!install_check_signature(c)) return fail(c, n);
     if (skip_wanted(c)) return skip_body(c, n);
     if (!examine_new_parts(c)) return fail(c, n);
     return finish(c, n);

@@ -40,6 +40,7 @@ int transfer_file(install_ctx* ctx, const char* path)
     r = image_buffer_setup(ctx, static_cast<uint32_t>(size));
     if (r != 0) return r;
     if (load_file(path, ctx->buffer, ctx->buffer_size, install_receive, ctx) == 0) {
+        if (int refused = install_signature_status(ctx)) return refused;
         log_console(LOG_ERR, "install: failed to load VELK\n");
         return 9;
     }
@@ -122,6 +123,7 @@ int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source)
         log_console(LOG_ERR, "install: incomplete VELK\n");
         return 9;
     }
+    if (!install_check_signature_end(ctx)) return install_signature_status(ctx);
     return 0;
 }
 
@@ -131,5 +133,6 @@ void transfer_release(install_ctx* ctx)
     ctx->parser = nullptr;
     if (ctx->buffer) (void)::munmap(ctx->buffer, mapped_size(ctx->buffer_size));
     ctx->buffer = nullptr;
+    velk_sig_check_release(&ctx->sig);
     curl_release(ctx);
 }

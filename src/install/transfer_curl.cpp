@@ -219,9 +219,13 @@ int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const cha
     CURLcode r = perform_with_restarts(ctx, source, scheme, error_text);
     auto post_dl = kor_hooks_get()->install_post_dl;
     if (r != CURLE_OK) {
-        log_console(LOG_ERR, "curl returned: %i == %s\n", static_cast<int>(r), error_text);
+        // A refusal by the signature check was logged when it happened: the
+        // transfer error it caused says nothing more.
+        const int refused = install_signature_status(ctx);
+        if (refused == 0)
+            log_console(LOG_ERR, "curl returned: %i == %s\n", static_cast<int>(r), error_text);
         if (post_dl != nullptr) (void)post_dl(ctx, hc, static_cast<int>(r), error_text);
-        return 16;
+        return refused != 0 ? refused : 16;
     }
     if (post_dl != nullptr) {
         int h = post_dl(ctx, hc, 0, error_text);

@@ -126,6 +126,7 @@ constexpr int KORL_CRC_OK = 0;
 constexpr int KORL_CRC_EMPTY = 2;
 constexpr int KORL_CRC_UNREADABLE = 3;
 constexpr int KORL_CRC_MISMATCH = 4;
+constexpr int KORL_SHA_MISMATCH = 5;  // the CRC32 matches, the SHA-256 does not
 
 // --- model ---
 void korl_partpool_generate(korl_data* d);
@@ -165,6 +166,11 @@ int korl_get_unused_partinfo(const korl_data* d, const char* pool, int setidx);
 int find_installed_partinfo(const korl_data* d, const korm_element* e, uint8_t major,
                             uint8_t minor, uint16_t build);
 [[nodiscard]] int crc32_check(const korl_data* d, int partinfo_idx, int wts);
+// crc32_check that, when `sha256` is not null, also compares the SHA-256 of
+// the same body bytes with it, in the same read. A CRC32 can be forged; a
+// signed digest cannot. Needs the crypto library loaded.
+[[nodiscard]] int crc32_sha256_check(const korl_data* d, int partinfo_idx, int wts,
+                                     const uint8_t* sha256);
 
 // --- reports ---
 void korl_dump_info(const korl_data* d);

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/console.h"
+#include "base/crypto.h"
 #include "base/fileutil.h"
 #include "korl/korl.h"
 
@@ -238,9 +239,9 @@ bool header_matches(device_reader& in, const korl_pinfometa& m)
     return std::memcmp(hdr, &m, m.hdr_length) == 0;
 }
 
-// CRC32 of the next `length` bytes; a short device ends it early. -1 on a
-// read error.
-int64_t body_crc(device_reader& in, uint32_t length)
+// CRC32 of the next `length` bytes, and their SHA-256 when `sha` is given;
+// a short device ends both early. -1 on a read error, -2 when the hash fails.
+int64_t body_crc(device_reader& in, uint32_t length, sha256_ctx* sha)
 {
     uint32_t crc = 0;
     while (length > 0) {
@@ -249,10 +250,18 @@ int64_t body_crc(device_reader& in, uint32_t length)
         if (n < 0) return -1;
         if (n == 0) break;
         crc = crc32_calc(crc, p, static_cast<uint32_t>(n));
+        if (sha && !sha256_update(sha, p, static_cast<size_t>(n))) return -2;
         length -= static_cast<uint32_t>(n);
     }
     return crc;
 }
+
+// The running hash of one check, released whatever the outcome.
+struct check_hash {
+    sha256_ctx ctx{};
+    bool on = false;
+    ~check_hash() { sha256_release(&ctx); }
+};
 
 }  // namespace
 
@@ -273,6 +282,11 @@ int korl_get_unused_partinfo(const korl_data* d, const char* pool, int setidx)
 
 int crc32_check(const korl_data* d, int partinfo_idx, int wts)
 {
+    return crc32_sha256_check(d, partinfo_idx, wts, nullptr);
+}
+
+int crc32_sha256_check(const korl_data* d, int partinfo_idx, int wts, const uint8_t* sha256)
+{
     KOR_ASSERT("korl", d != nullptr);
     if (!valid_partinfo(partinfo_idx)) return KORL_CRC_UNREADABLE;
     const korl_pinfometa& m = d->pinfometa[partinfo_idx];
@@ -284,11 +298,19 @@ int crc32_check(const korl_data* d, int partinfo_idx, int wts)
     if (!fd.valid()) return KORL_CRC_UNREADABLE;
     device_reader in;
     in.fd = fd.get();
+    check_hash hash;
+    // A hash that cannot even start fails the check: no digest, no trust.
+    if (sha256 && !(hash.on = sha256_init(&hash.ctx))) return KORL_SHA_MISMATCH;
 
     if (wts == 2 && !header_matches(in, m)) return KORL_CRC_UNREADABLE;
-    int64_t crc = body_crc(in, m.body_length);
+    int64_t crc = body_crc(in, m.body_length, hash.on ? &hash.ctx : nullptr);
+    if (crc == -2) return KORL_SHA_MISMATCH;
     if (crc < 0) return KORL_CRC_UNREADABLE;
-    return static_cast<uint32_t>(crc) == m.body_crc ? KORL_CRC_OK : KORL_CRC_MISMATCH;
+    if (static_cast<uint32_t>(crc) != m.body_crc) return KORL_CRC_MISMATCH;
+    uint8_t digest[KOR_SHA256_SIZE];
+    if (hash.on && (!sha256_final(&hash.ctx, digest) || std::memcmp(digest, sha256, sizeof digest) != 0))
+        return KORL_SHA_MISMATCH;
+    return KORL_CRC_OK;
 }
 
 int find_installed_partinfo(const korl_data* d, const korm_element* e, uint8_t major,

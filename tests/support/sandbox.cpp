@@ -25,7 +25,7 @@ namespace sandbox {
 namespace {
 
 using Strings = std::vector<std::string>;
-const std::string kWork = "/run/kor/work", kPrivate = "/dev/.sandbox";
+const std::string kWork = "/run/kor/work", kPrivate = "/dev/.sandbox", kEtcLayer = "/run/kor/etc";
 // Bound below /run/kor: reachable even when they live under a directory the sandbox covers.
 const std::pair<std::string, std::string> kTrees[] = {{KOR_BUILD_DIR, "/run/kor/build"}, {KOR_SOURCE_DIR, "/run/kor/src"}};
 int g_loop_control = -1;
@@ -57,6 +57,13 @@ const std::string& enter()
         mount_at("tmpfs", "/run", "tmpfs", "mode=755");
         for (const auto& [host, at] : kTrees) mkdirs(at), mount_at(host, at, nullptr);
         mkdirs(kWork);
+        // kor reads its keys and minimum release under /etc/kor: the tests get an /etc of their own (the host's, with
+        // a writable layer on tmpfs), where each Device mounts an empty /etc/kor. The host's /etc stays untouched.
+        mkdirs(kEtcLayer + "/upper"), mkdirs(kEtcLayer + "/work");
+        if (mount("overlay", "/etc", "overlay", 0, ("lowerdir=/etc,upperdir=" + kEtcLayer + "/upper,workdir=" +
+                  kEtcLayer + "/work").c_str()) != 0)
+            return std::string("cannot lay a private layer over /etc (overlayfs): ") + std::strerror(errno);
+        mkdirs(kEtcKor);
         return {};
     }();
     return why;
@@ -139,7 +146,7 @@ Device::Device()
 {
     check(enter().empty(), "sandbox not available: " + enter());
     const Strings covered = {"/dev", "/tmp", "/mnt"};
-    for (const std::string& at : {std::string("/dev"), std::string("/tmp"), std::string("/mnt"), kWork})
+    for (const std::string& at : {std::string("/dev"), std::string("/tmp"), std::string("/mnt"), kWork, kEtcKor})
         mount_at("tmpfs", at, "tmpfs", at == "/tmp" ? "mode=1777" : "mode=755");
     reveal_covered_trees(covered);
     check(mkdir(kPrivate.c_str(), 0755) == 0 && mkdir("/dev/pts", 0755) == 0, "mkdir");
@@ -157,7 +164,8 @@ Device::Device()
 
 Device::~Device()
 {
-    for (const char* m : {"/proc/cmdline", "/mnt", "/dev/pts", "/dev", "/tmp", kWork.c_str()}) umount2(m, MNT_DETACH);
+    for (const char* m : {"/proc/cmdline", "/mnt", "/dev/pts", "/dev", "/tmp", kWork.c_str(), kEtcKor.c_str()})
+        umount2(m, MNT_DETACH);
     close(syslog_fd_), closelog();  // the test process may have logged through this socket
     for (int fd : loop_fds_) ioctl(fd, LOOP_CLR_FD, 0), close(fd);
 }

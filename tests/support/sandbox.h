@@ -1,6 +1,7 @@
 // A private device for tests that run kor or open device paths. The first Device moves the test process into a private
-// mount namespace; each Device mounts fresh tmpfs on /dev, /tmp and /mnt, loop devices over sparse files as partitions
-// /dev/mmcblk0pN, a syslog socket at /dev/log and a file over /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
+// mount namespace; each Device mounts fresh tmpfs on /dev, /tmp, /mnt and kEtcKor (empty: no keys, no minimum
+// release), loop devices over sparse files as partitions /dev/mmcblk0pN, a syslog socket at /dev/log and a file over
+// /proc/cmdline. Needs root: call KOR_SANDBOX_OR_SKIP().
 #pragma once
 #include <gtest/gtest.h>
 
@@ -33,6 +34,8 @@ struct RunResult {
 };
 
 constexpr uint64_t kHostconfigPartSize = 1 << 20;  // p3 and p4; holds the flags at 0x3FE00
+// kor's key directory and minimum release file live here (write_file() puts files there for a test).
+const std::string kEtcKor = "/etc/kor";
 
 class Device {
 public:
