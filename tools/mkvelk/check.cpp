@@ -149,15 +149,21 @@ int check_cli(const cli_options& o)
     }
     if (!any_software && o.korm_file.empty())
         return refuse("nothing to install: give a --software part or a --korm descriptor");
-    if (FIRST_CONTENT_INDEX + o.contents.size() > size_t(MAX_PARTS))
-        return refuse("too many content parts: kor reads at most 18 besides the release header and the descriptor");
+    if (o.sign_keys.size() > MAX_SIGNING_KEYS) return refuse("at most 4 --sign keys");
+    if (o.sign_later && !o.sign_keys.empty()) return refuse("--sign-later and --sign exclude each other");
+    for (size_t i = 0; i < o.sign_keys.size(); ++i)
+        for (size_t k = 0; k < i; ++k)
+            if (o.sign_keys[i] == o.sign_keys[k]) return refuse("--sign '%s' given twice", o.sign_keys[i].c_str());
+    if (first_content_index(o) + o.contents.size() > size_t(MAX_PARTS))
+        return refuse("too many content parts: kor reads at most %d besides the release header, the descriptor "
+                      "and the signature", MAX_PARTS - first_content_index(o));
     return 0;
 }
 
 std::string generate_korm(const cli_options& o)
 {
     std::string text;
-    int cidx = FIRST_CONTENT_INDEX;
+    int cidx = first_content_index(o);
     for (const content_spec& c : o.contents) {
         if (c.kind == content_kind::software) {
             char line[160];
@@ -171,7 +177,7 @@ std::string generate_korm(const cli_options& o)
     return text;
 }
 
-int check_korm(const std::string& text, int part_count)
+int check_korm(const std::string& text, int first, int part_count)
 {
     if (text.find('\0') != std::string::npos) return refuse("the KORM descriptor contains a NUL byte");
     static korm_element elements[KORL_KORM_ELEMENTS];
@@ -183,7 +189,7 @@ int check_korm(const std::string& text, int part_count)
         return 1;
     }
     if (n == 0) return refuse("the KORM descriptor has no install line");
-    int last = FIRST_CONTENT_INDEX - 1;
+    int last = first - 1;
     for (int i = 0; i < n; ++i) {
         const korm_element& e = elements[i];
         if (e.wts < 1 || e.wts > 3) {
@@ -195,7 +201,7 @@ int check_korm(const std::string& text, int part_count)
             std::fprintf(stderr,
                          "mkvelk: KORM line %d: content index %d must name a content part after "
                          "the descriptor (%d to %d), in rising order\n",
-                         i + 1, e.cidx, FIRST_CONTENT_INDEX, part_count - 1);
+                         i + 1, e.cidx, first, part_count - 1);
             return 1;
         }
         last = e.cidx;

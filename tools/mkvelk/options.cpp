@@ -171,6 +171,12 @@ int add_signature(cli_options* o, const char* v)
     return 0;
 }
 
+int add_sign_key(cli_options* o, const char* v)
+{
+    o->sign_keys.push_back(v);
+    return o->sign_keys.back().empty() ? fail("empty --sign key file name", v) : 0;
+}
+
 struct option_def {
     const char* name;
     const char* alias;
@@ -188,6 +194,7 @@ const option_def option_table[] = {
     {"--software", nullptr, add_software},
     {"--data", nullptr, add_data},
     {"--signature", nullptr, add_signature},
+    {"--sign", nullptr, add_sign_key},
 };
 
 const option_def* find_option(const char* arg)
@@ -207,6 +214,10 @@ int parse_cli(int argc, char** argv, cli_options* o)
         const char* arg = argv[i];
         if (std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0) {
             o->help = true;
+            continue;
+        }
+        if (std::strcmp(arg, "--sign-later") == 0) {
+            o->sign_later = true;
             continue;
         }
         const option_def* d = find_option(arg);
