@@ -9,6 +9,7 @@
 #include "base/fileutil.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
+#include "fuzz_signed.h"
 #include "mkvelk.h"
 
 namespace {
@@ -151,6 +152,31 @@ bool text_seeds()
     return ok;
 }
 
+// Signature part bodies behind the algorithm id and the piece size: the
+// body the fuzz target's key signed, one without signatures, the largest
+// layout, and a reserved algorithm.
+bool signature_seeds()
+{
+    const mkvelk::signing_key key = fuzz::signed_image_key();
+    const auto seed = [](uint8_t algorithm, uint8_t piece, const bytes& body) {
+        bytes b{algorithm, piece};
+        b.insert(b.end(), body.begin(), body.end());
+        return b;
+    };
+    const bytes body = fuzz::signed_image_parts(key)[1].body;
+    std::vector<mkvelk::part> twenty(20, mkvelk::data("d", {}));
+    bytes largest = mkvelk::manifest_of(twenty);
+    largest.push_back(4), largest.resize(largest.size() + 3 + 4 * 72, 0);
+    const bytes unsigned_body = mkvelk::signature_part(mkvelk::manifest_of(fuzz::signed_image_parts(key)), {}).body;
+    bool ok = true;
+    ok &= put("velk_sig", "signed", seed(1, 0, body));
+    ok &= put("velk_sig", "signed_pieces", seed(1, 5, body));
+    ok &= put("velk_sig", "no_signature", seed(1, 0, unsigned_body));
+    ok &= put("velk_sig", "largest", seed(1, 0, largest));
+    ok &= put("velk_sig", "algorithm_2", seed(2, 0, body));
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -160,6 +186,6 @@ int main(int argc, char** argv)
         return 2;
     }
     g_dir = argv[1];
-    bool ok = image_seeds() && hostconfig_seeds() && text_seeds();
+    bool ok = image_seeds() && hostconfig_seeds() && text_seeds() && signature_seeds();
     return ok ? 0 : 1;
 }
