@@ -4,7 +4,7 @@
 KOR_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # Debian packages the build, the tests and the demo need.
-KOR_PACKAGES=(build-essential cmake pkg-config libcurl4-openssl-dev zlib1g-dev
+KOR_PACKAGES=(build-essential cmake pkg-config libcurl4-openssl-dev zlib1g-dev libssl-dev
   libgtest-dev googletest libbenchmark-dev nginx-light vsftpd e2fsprogs curl
   util-linux time clang libclang-rt-14-dev openssl mandoc groff-base u-boot-tools)
 
@@ -46,7 +46,8 @@ kor_build() {
 KOR_ARMHF_PACKAGES=(g++-arm-linux-gnueabihf qemu-user)
 # armhf packages unpacked into the sysroot, with the runtime dependency closure
 # of libcurl; the C library headers and crt files come with the cross compiler.
-KOR_ARMHF_ROOTS=(libcurl4-openssl-dev libcurl4 zlib1g-dev zlib1g libgtest-dev libc6
+# libssl-dev: OpenSSL's headers for kor, libcrypto for mkvelk and the tests.
+KOR_ARMHF_ROOTS=(libcurl4-openssl-dev libcurl4 zlib1g-dev zlib1g libssl-dev libssl3 libgtest-dev libc6
   libstdc++6 libgcc-s1)
 KOR_ARMHF_SYSROOT="$KOR_ROOT/build/armhf-sysroot"
 
@@ -63,11 +64,12 @@ kor_armhf_arch() {
 }
 
 # Unpacks the armhf libraries into $KOR_ARMHF_SYSROOT unless it is complete
-# already. apt-get download + dpkg -x instead of a multiarch install: the
-# host's and armhf's package versions need not match, and nothing is installed.
+# already (for the same list of packages). apt-get download + dpkg -x instead
+# of a multiarch install: the host's and armhf's package versions need not
+# match, and nothing is installed.
 kor_armhf_sysroot() {
   local root=$KOR_ARMHF_SYSROOT debs="$KOR_ARMHF_SYSROOT.debs" pkgs p d l
-  [ -f "$root/.complete" ] && return 0
+  [ "$(cat "$root/.complete" 2>/dev/null)" = "${KOR_ARMHF_ROOTS[*]}" ] && return 0
   echo "== Making the armhf sysroot in $root"
   rm -rf "$root" "$debs"
   mkdir -p "$root" "$debs"
@@ -86,7 +88,7 @@ kor_armhf_sysroot() {
     ln -sfn "$(realpath -m --relative-to="$(dirname "$l")" "$root$(readlink "$l")")" "$l"
   done
   rm -rf "$debs"
-  touch "$root/.complete"
+  echo "${KOR_ARMHF_ROOTS[*]}" >"$root/.complete"
 }
 
 # The command that runs an armhf program of ours on this machine. qemu-arm
