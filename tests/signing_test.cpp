@@ -234,6 +234,8 @@ TEST(Signing, KeysAndRotation)
          "install: signed by key " + new_key.id_hex + " (" + work + "/k/x.pub)\n"},
         {"-keys= where there is nothing", {}, {&new_key}, true, {"-keys=/nonexistent"}, 18,
          "install: no keys in /nonexistent\n"},
+        {"-keys= longer than 99 characters", {}, {&new_key}, true, {"-keys=/" + std::string(99, 'k')}, 1,
+         "-keys value too long (at most 99 characters).\n"},
         {"-f does not let an unsigned image through", {{kKeyDir + "/new.pub", new_key.pem}}, {}, false, {"-f"}, 15,
          "install: image is not signed; keys in /etc/kor/keys require a signature\n"},
         {"no keys: a signed image installs unchecked", {}, {&new_key}, true, {}, 0,

@@ -37,10 +37,10 @@ struct kor_options {
     uint32_t minver_minor;
     uint32_t minver_buildnumber;
     char plugin[200];
-    char keys[KOR_PATH_SIZE];  // -keys=: key directory or file instead of kor_key_dir
-    int32_t downgrade;         // -downgrade: the minimum release file does not apply
     const char* words[KOR_MAX_WORDS];
     int32_t nwords;
+    char keys[KOR_PATH_SIZE];  // -keys=: key directory or file instead of kor_key_dir
+    int32_t downgrade;         // -downgrade: the minimum release file does not apply
 };
 
 constexpr const char* KOR_DEFAULT_CFG = "/dev/mmcblk0p3";
