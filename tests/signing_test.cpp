@@ -1,6 +1,7 @@
 // Signed installs on a sandboxed device, from a file and by http from nginx: what a trusted key did not sign is never
 // written, whatever was changed in the image, and the device's keys, its minimum release and the partitions it keeps
 // are checked as an operator would expect.
+#include <filesystem>
 #include <functional>
 #include <memory>
 
@@ -34,6 +35,7 @@ public:
     const servers::Daemon* server() const { return server_.get(); }
     void serve(const bytes& image) { dev().write_file(world_.file, text(image)); }
     void trust(const Key& k, const std::string& name = "release") { dev().write_file(kKeyDir + "/" + name + ".pub", k.pem); }
+    void forget_keys() { std::filesystem::remove_all(kKeyDir); }
     sandbox::RunResult install(std::vector<std::string> args = {}, const sandbox::RunOptions& o = {})
     {
         args.insert(args.begin(), {"install", source(), "1"});
@@ -88,13 +90,14 @@ TEST(Signing, TamperedImagesAreRefusedBeforeAnyWrite)
         {"manifest byte flipped", [](parts& p) { p[1].body[100] ^= 1; }, untrusted},
         {"signature byte flipped", [](parts& p) { p[1].body.back() ^= 1; }, untrusted},
     };
-    for (bool http : {false, true})
+    for (bool http : {false, true}) {
+        Target t(rel.image(), http);  // one device for all rows: a refusal leaves it as it was
+        t.trust(old_key);
         for (const Tamper& row : rows) {
             SCOPED_TRACE(std::string(row.name) + (http ? ", http" : ", file"));
             parts p = rel.signed_parts;
             row.change(p);
-            Target t(mkvelk::build_image(p), http);
-            t.trust(old_key);
+            t.serve(mkvelk::build_image(p));
             const auto before = t.state();
             const auto r = t.install();
             EXPECT_EQ(r.status, 15) << r.err;
@@ -102,6 +105,7 @@ TEST(Signing, TamperedImagesAreRefusedBeforeAnyWrite)
             EXPECT_FALSE(has(r.out, "Writing out")) << r.out;
             EXPECT_TRUE(t.state() == before) << "a device byte changed";
         }
+    }
 }
 
 TEST(Signing, SignedReleaseInstallsFromFileAndHttp)
@@ -166,10 +170,11 @@ TEST(Signing, SignaturePartShape)
         {"file cut inside the signature part", [&] { bytes b = rel.image(); b.resize(part1_at + 36 + 50); return b; }, 9,
          "install: incomplete VELK\n"},
     };
+    Target t(rel.image(), false);  // one device for all rows: a refusal leaves it as it was
+    t.trust(old_key);
     for (const Shape& row : rows) {
         SCOPED_TRACE(row.name);
-        Target t(row.image(), false);
-        t.trust(old_key);
+        t.serve(row.image());
         const auto before = t.state();
         const auto r = t.install();
         EXPECT_EQ(r.status, row.status) << r.err;
@@ -241,10 +246,12 @@ TEST(Signing, KeysAndRotation)
         {"no keys: a signed image installs unchecked", {}, {&new_key}, true, {}, 0,
          "install: image is signed, but no keys are configured: signature not checked\n"},
     };
+    Target t(Release({}).image(), false);  // one device; each row brings its own keys and image
     for (const KeyCase& row : rows) {
         SCOPED_TRACE(row.name);
         const Release rel(row.signers);
-        Target t(row.signed_image ? rel.image() : rel.unsigned_image(), false);
+        t.serve(row.signed_image ? rel.image() : rel.unsigned_image());
+        t.forget_keys(), std::filesystem::remove_all(work + "/k");
         for (const auto& [path, content] : row.files) t.dev().write_file(path, content);
         const auto before = t.state();
         const auto r = t.install(row.args);
@@ -376,9 +383,11 @@ TEST(Signing, MinimumRelease)
         {"no keys: the floor holds all the same", "1.0.2\n", Release({}).unsigned_image(), false, {}, 7,
          "is older than the minimum 1.0-2"},
     };
+    Target t(Release({}).image(), false);  // one device; each row brings its own floor and image
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Target t(row.image, false);
+        t.serve(row.image);
+        t.forget_keys();
         if (row.key) t.trust(old_key);
         t.dev().write_file(floor_file, row.floor);
         const auto r = t.install(row.args);
