@@ -52,7 +52,6 @@ int catch_signal(int signo, const struct sigaction* sa, sigset_t* unblock)
 
 int parent_wait()
 {
-    g_role = 0;
     int status = 0;
     if (wait(&status) == -1) {
         log_always(LOG_CRIT, "wait() did not succeed\n");
@@ -74,7 +73,6 @@ int parent_wait()
 
 int worker(int argc, char** argv)
 {
-    g_role = 1;
     pid_t group = getpgrp();
     if (group == -1) {
         log_console(LOG_ERR, "getpgrp() failed\n");
@@ -117,7 +115,14 @@ int kor_main(int argc, char** argv)
         if (!catch_signal(s, &sa, &unblock)) return 4;
     sigprocmask(SIG_UNBLOCK, &unblock, nullptr);
 
+    // Each process takes its role before a caught signal can reach it: one
+    // that arrives while the fork returns waits until the role is set, so
+    // the parent never logs itself as not yet knowing what it is.
+    sigprocmask(SIG_BLOCK, &unblock, nullptr);
     pid_t pid = fork();
+    if (pid > 0) g_role = 0;
+    if (pid == 0) g_role = 1;
+    sigprocmask(SIG_UNBLOCK, &unblock, nullptr);
     if (pid < 0) {
         log_console(LOG_ERR, "Fork failed\n");
         return 1;
