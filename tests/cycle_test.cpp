@@ -1,163 +1,368 @@
 // Activate, upgrade and verify run as the production binary on a sandboxed device; the rebuild in-process.
 #include <gtest/gtest.h>
+#include <syslog.h>
 #include <zlib.h>
 
 #include <cstring>
-#include <iterator>
-#include <sstream>
 
+#include "base/console.h"
+#include "base/options.h"
 #include "hostconfig/hostconfig.h"
 #include "korl/korl.h"
+#include "support/cli_case.h"
 #include "support/sandbox.h"
 
 namespace {
 
-using sandbox::bytes, sandbox::Device;
+using cli::Hook;
+using sandbox::bytes;
+using sandbox::Device;
 
-uint32_t crc(const bytes& b) { return static_cast<uint32_t>(::crc32(0, b.data(), b.size())); }
+uint32_t crc(const bytes& b) { return static_cast<uint32_t>(::crc32(0, b.data(), uInt(b.size()))); }
 
-struct Fixture {
-    Device dev;
+// The default layout as kor makes it, in the test's hands before it is stored.
+korl_data default_record()
+{
     korl_data m{};
-    hostconfig hc;
-    std::string hooks = dev.workdir() + "/hooks.log", after;  // after: the state when run() returned
-    Fixture()
-    {
-        dev.with_default_layout();
-        EXPECT_TRUE(korl_init(&m) == 1 && hostconfig_new(&hc, HOSTCONFIG_MAX) == 1 && hostconfig_default(&hc) == 1 &&
-                    korl_hostconfig_import(&m, &hc) == 1);
+    static hostconfig hc;
+    EXPECT_EQ(korl_init(&m), 1);
+    EXPECT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX), 1);
+    EXPECT_EQ(hostconfig_default(&hc), 1);
+    EXPECT_EQ(korl_hostconfig_import(&m, &hc), 1);
+    return m;
+}
+
+// Content for entry `idx` on its partition, recorded in `m`: 3000 bytes, damaged after recording unless `good`,
+// with the recorded header in front when `header_first`.
+void install(Device& dev, korl_data& m, int idx, bool good = true, bool header_first = false)
+{
+    bytes body(3000, static_cast<uint8_t>(idx));
+    auto& p = m.pinfometa[idx] = {0, 0, uint16_t(header_first ? 64 : 0), 3000, {}, crc(body), 0, 0, 0, {}};
+    if (!good) body[100] ^= 0xFF;
+    if (header_first) body.insert(body.begin(), reinterpret_cast<uint8_t*>(&p), reinterpret_cast<uint8_t*>(&p + 1));
+    dev.write(Device::part(m.partinfo[idx].pn), 0, body);
+}
+
+// `m` with `actset` as the hostconfig on p3 (none when `m` is null), then the two flag bytes.
+void store(Device& dev, korl_data* m, int actset, const bytes& flags)
+{
+    if (m) {
+        static hostconfig hc;
+        m->actset = static_cast<uint8_t>(actset);
+        ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX), 1);
+        ASSERT_EQ(korl_hostconfig_export(m, &hc), 1);
+        ASSERT_EQ(hostconfig_save(&hc, "/dev/mmcblk0p3", nullptr), 1);
     }
-    void install(int idx, bool good = true, bool header_first = false)  // content for entry idx, recorded in `m`
-    {
-        bytes body(3000, static_cast<uint8_t>(idx));
-        auto& p = m.pinfometa[idx] = {0, 0, uint16_t(header_first ? 64 : 0), 3000, {}, crc(body), 0, 0, 0, {}};
-        body[100] ^= good ? 0 : 0xFF;
-        if (header_first) body.insert(body.begin(), reinterpret_cast<uint8_t*>(&p), reinterpret_cast<uint8_t*>(&p + 1));
-        dev.write(Device::part(m.partinfo[idx].pn), 0, body);
-    }
-    // kor with the hook-logging plugin from state "A.F.G" (active set, flag bytes); `m` stored unless `blank`.
-    sandbox::RunResult run(const std::string& args, const std::string& s, bool blank = false)
-    {
-        m.actset = static_cast<uint8_t>(s[0] - '0');
-        EXPECT_TRUE(blank || (hostconfig_new(&hc, HOSTCONFIG_MAX) == 1 && korl_hostconfig_export(&m, &hc) == 1 &&
-                              hostconfig_save(&hc, "/dev/mmcblk0p3", nullptr) == 1));
-        dev.write(Device::part(3), 0x3FE00, {static_cast<uint8_t>(s[2] - '0'), static_cast<uint8_t>(s[4] - '0')});
-        std::istringstream in(args + " -plugin=" + dev.stage(KOR_PLUGIN_test_plugin));
-        auto o = sandbox::RunOptions().set("KOR_TEST_HOOK_LOG", hooks).set("KOR_TEST_HOOK_ACTIVATE_POST", "7");
-        sandbox::RunResult r = dev.kor({std::istream_iterator<std::string>(in), {}}, o);
-        bytes f = dev.read(Device::part(3), 0x3FE00, 2), a = dev.read(Device::part(3), 56, 1);  // behind 8+16+32
-        after = std::to_string(a[0]) + "." + std::to_string(f[0]) + "." + std::to_string(f[1]);
-        return r;
-    }
+    dev.write(Device::part(3), HOSTCONFIG_FLAGS_OFFSET, flags);
+}
+
+// What set 1 holds before the run.
+enum class Set1 {
+    defaults,      // as the default layout has it
+    good,          // references 11 and 12, both installed and intact
+    damaged_12,    // references 11 and 12, entry 12 damaged
+    empty_12,      // references 11 and 12, nothing installed in entry 12
 };
 
-// State after, status, ":", stdout, stderr, activate hook log (its result 7 is ignored), from `before`. set1: 0 the
-// defaults, 1 refs 11 and 12 good, 2 entry 12 damaged, 3 entry 12 empty. activeset: the active set file ("": none).
-TEST(Cycle, ActivateUpgradeAndVerify)
+// A run of kor with the hook-logging test plugin (the activate hook returns 7, which kor ignores), on the default
+// layout stored with set 1 as named, active set 0 and flag bytes 1, 3 unless the row says otherwise, and the
+// kernel command line empty unless it names one.
+class CycleRow : public cli::Builder<CycleRow> {
+public:
+    explicit CycleRow(const std::string& args) : Builder(args)
+    {
+        Builder::args(args);
+        hook_returns(Hook::activate_post, 7);
+    }
+    CycleRow& set1(Set1 s)
+    {
+        const char* names[] = {"defaults", "good", "entry 12 damaged", "entry 12 empty"};
+        name += ", set 1 " + std::string(names[int(s)]);
+        set1_ = s;
+        return *this;
+    }
+    CycleRow& stored_before(int actset, const bytes& flags)
+    {
+        name += ", before: actset " + std::to_string(actset) + ", flags " + std::to_string(flags.at(0)) + " " +
+                std::to_string(flags.at(1));
+        actset_ = actset;
+        flags_ = flags;
+        return *this;
+    }
+    // What the stored record and the flags area hold afterwards.
+    CycleRow& after(int actset, const bytes& flags) { return stored("actset", std::to_string(actset)).flags_area(flags); }
+
+    void prepare(Device& dev) const
+    {
+        dev.with_default_layout();
+        dev.set_cmdline("");
+        korl_data m = default_record();
+        if (set1_ != Set1::defaults) {
+            m.partset[1].refs[0] = 11;
+            m.partset[1].refs[1] = 12;
+            install(dev, m, 11);
+        }
+        if (set1_ == Set1::good || set1_ == Set1::damaged_12) install(dev, m, 12, set1_ == Set1::good);
+        store(dev, &m, actset_, flags_);
+    }
+
+private:
+    Set1 set1_ = Set1::defaults;
+    int actset_ = 0;
+    bytes flags_ = {1, 3};
+};
+
+const std::string kCmdlineSet1 = "console=ttyS0 KORSET=SET1 root=/dev/mmcblk0p13", kCmdlineSet2 = "ro KORSET=SET2",
+                  kCmdlineSet5 = "KORSET=SET5", kActiveset = "/tmp/kor.activeset";
+
+const CycleRow kCycle[] = {
+    CycleRow("activate SET1").set1(Set1::good).status(0).after(1, {0, 3})
+        .stdout_is("").stderr_is("").hooks_called({"kor_activate_hook_post 1"}),
+    CycleRow("-dryrun activate 1").set1(Set1::good).status(0).after(0, {1, 3})
+        .stdout_is("").stderr_is("").hooks_called({"kor_activate_hook_post 1"}),
+    CycleRow("-f activate 2").status(0).after(2, {1, 0})
+        .stdout_is("").stderr_is("").hooks_called({"kor_activate_hook_post 2"}),
+    CycleRow("activate 3").set1(Set1::good).status(1).after(0, {1, 3})
+        .stdout_is("").stderr_is("activate: invalid set id: 3\n").hooks_called({}),
+    CycleRow("activate").set1(Set1::good).status(1).after(0, {1, 3})
+        .stdout_is("").stderr_is("activate: invalid set id: (none)\n").hooks_called({}),
+    CycleRow("activate 2").status(1).after(0, {1, 3})
+        .stdout_is("").stderr_is("activate: set 2 validation err=1\n").hooks_called({}),
+    CycleRow("activate 1").set1(Set1::damaged_12).status(1).after(0, {1, 3})
+        .stdout_is("").stderr_is("activate: set 1 validation err=4\n").hooks_called({}),
+    CycleRow("activate 1").set1(Set1::empty_12).status(1).after(0, {1, 3})
+        .stdout_is("").stderr_is("activate: set 1 validation err=2\n").hooks_called({}),
+    CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 0})
+        .status(0).after(2, {0, 1}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("-test upgrade activate").cmdline("ro KORSET=SAFESET").file(kActiveset, "2").stored_before(1, {0, 3})
+        .status(0).after(2, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 1})
+        .status(0).after(2, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(2, {0, 3})
+        .status(0).after(2, {0, 3}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade activate").cmdline(kCmdlineSet1).stored_before(1, {0, 0})  // no active set file
+        .status(1).after(1, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("-dryrun -test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 0})
+        .status(0).after(1, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "0").stored_before(1, {0, 0})
+        .status(1).after(0, {0, 0}).stdout_is("").stderr_is("failed to set upgrade state\n").hooks_called({}),
+    CycleRow("upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "5").stored_before(1, {0, 0})
+        .status(1).after(1, {0, 0}).stdout_is("")
+        .stderr_is("upgrade: active set file names no valid set: 5\n").hooks_called({}),
+    CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 1})
+        .status(0).after(2, {1, 0}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade validate").cmdline(kCmdlineSet1).stored_before(1, {3, 3})
+        .status(0).after(1, {0, 3}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 2})
+        .status(0).after(2, {1, 2}).stdout_is("Already validated\n").stderr_is("").hooks_called({}),
+    CycleRow("upgrade validate").cmdline("ro root=/dev/mmcblk0p7").stored_before(0, {1, 1})
+        .status(0).after(0, {1, 1}).stdout_is("Already validated\n").stderr_is("").hooks_called({}),
+    CycleRow("upgrade validate").cmdline(kCmdlineSet5).stored_before(0, {1, 1})
+        .status(1).after(0, {1, 1}).stdout_is("Upgrade state is invalid\n").stderr_is("").hooks_called({}),
+    CycleRow("-dryrun upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 3})
+        .status(0).after(2, {1, 3}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade test").cmdline(kCmdlineSet2).stored_before(2, {3, 3})
+        .status(0).after(2, {3, 1}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade test").cmdline(kCmdlineSet2).stored_before(2, {0, 1})
+        .status(0).after(2, {0, 1}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade test").cmdline(kCmdlineSet5).stored_before(0, {3, 3})
+        .status(1).after(0, {3, 3}).stdout_is("Upgrade state is invalid\n").stderr_is("").hooks_called({}),
+    CycleRow("upgrade test").cmdline("KORSET=SET1 KORSET=SET2").stored_before(0, {3, 3})  // the first word counts
+        .status(0).after(0, {1, 3}).stdout_is("").stderr_is("").hooks_called({}),
+    CycleRow("upgrade").cmdline(kCmdlineSet2).stored_before(0, {0, 3})
+        .status(1).after(0, {0, 3}).stdout_is("").stderr_is("upgrade: Missing argument\n").hooks_called({}),
+    CycleRow("upgrade bogus").cmdline(kCmdlineSet2).stored_before(0, {0, 3})
+        .status(1).after(0, {0, 3}).stdout_is("").stderr_is("upgrade: unknown command.\n").hooks_called({}),
+};
+
+TEST(Cycle, ActivateAndUpgrade)
 {
     KOR_SANDBOX_OR_SKIP();
-    const char *s1 = "console=ttyS0 KORSET=SET1 root=/dev/mmcblk0p13", *s2 = "ro KORSET=SET2", *s5 = "KORSET=SET5",
-               *ua = "upgrade activate", *ta = "-test upgrade activate", *uv = "upgrade validate", *ut = "upgrade test";
-    const std::string ok = ":Already validated\n", inval = "1:Upgrade state is invalid\n", h = "0:kor_activate_hook_post ",
-                      id = "0.1.3 1:activate: invalid set id: ", e = "0.1.3 1:activate: set ", v = " validation err=";
-    const struct { const char* args; int set1; std::string expect; const char *cmdline = "", *actset = "", *before = "0.1.3"; }
-        cases[] = {
-        {"activate SET1", 1, "1.0.3 " + h + "1\n"}, {"-dryrun activate 1", 1, "0.1.3 " + h + "1\n"},
-        {"-f activate 2", 0, "2.1.0 " + h + "2\n"}, {"activate 3", 1, id + "3\n"}, {"activate", 1, id + "(none)\n"},
-        {"activate 2", 0, e + "2" + v + "1\n"}, {"activate 1", 2, e + "1" + v + "4\n"},
-        {"activate 1", 3, e + "1" + v + "2\n"}, {ta, 0, "2.0.1 0:", s1, "2", "1.0.0"},
-        {ta, 0, "2.0.0 0:", "ro KORSET=SAFESET", "2", "1.0.3"}, {ua, 0, "2.0.0 0:", s1, "2", "1.0.1"},
-        {ta, 0, "2.0.3 0:", s1, "2", "2.0.3"}, {ua, 0, "1.0.0 1:", s1, "", "1.0.0"},
-        {"-dryrun -test upgrade activate", 0, "1.0.0 0:", s1, "2", "1.0.0"},
-        {ta, 0, "0.0.0 1:failed to set upgrade state\n", s1, "0", "1.0.0"},
-        {ua, 0, "1.0.0 1:upgrade: active set file names no valid set: 5\n", s1, "5", "1.0.0"},
-        {uv, 0, "2.1.0 0:", s2, "", "2.1.1"}, {uv, 0, "1.0.3 0:", s1, "", "1.3.3"},
-        {uv, 0, "2.1.2 0" + ok, s2, "", "2.1.2"}, {uv, 0, "0.1.1 0" + ok, "ro root=/dev/mmcblk0p7", "", "0.1.1"},
-        {uv, 0, "0.1.1 " + inval, s5, "", "0.1.1"}, {"-dryrun upgrade validate", 0, "2.1.3 0:", s2, "", "2.1.3"},
-        {ut, 0, "2.3.1 0:", s2, "", "2.3.3"}, {ut, 0, "2.0.1 0:", s2, "", "2.0.1"},
-        {ut, 0, "0.3.3 " + inval, s5, "", "0.3.3"}, {ut, 0, "0.1.3 0:", "KORSET=SET1 KORSET=SET2", "", "0.3.3"},
-        {"upgrade", 0, "0.0.3 1:upgrade: Missing argument\n", s2, "", "0.0.3"},
-        {"upgrade bogus", 0, "0.0.3 1:upgrade: unknown command.\n", s2, "", "0.0.3"},
-    };
-    for (const auto& c : cases) {
-        Fixture f;
-        f.dev.set_cmdline(c.cmdline);
-        if (*c.actset) f.dev.write_file("/tmp/kor.activeset", c.actset);
-        if (c.set1 > 0) f.m.partset[1].refs[0] = 11, f.m.partset[1].refs[1] = 12, f.install(11);
-        if (c.set1 == 1 || c.set1 == 2) f.install(12, c.set1 == 1);
-        sandbox::RunResult r = f.run(c.args, c.before);
-        EXPECT_EQ(f.after + " " + std::to_string(r.status) + ":" + r.out + r.err + f.dev.read_file(f.hooks), c.expect)
-            << c.args;
+    for (const CycleRow& row : kCycle) {
+        Device dev;
+        row.prepare(dev);
+        cli::run(row, dev);
     }
-    const std::string check = "CRC32 content check: ", dis = check + "DISPARITY\n", pool = "  Belongs to pool ",
-                      ws = "\n             ", d = " have a disparity between" + ws + "calculated and hostconfig recorded",
-                      crcs = ws + "CRC32 values.\n", multi = "WARNING: 1/4 multi pools" + d + crcs,
-                      single = "WARNING: 1/4 singleton pools" + d + " " + crcs,
-                      active = ws.substr(1) + "AT LEAST ONE OF THESE SINGLETONS IS PART OF THE ACTIVE SET" + ws +
-                               "DO NOT REBOOT UNTIL THIS ISSUE HAS BEEN FIXED!\n";
-    // Set 1 lists 11; 12 has its header in front, 13 no CRC. bad: a damaged entry, -2: no hostconfig stored.
-    const struct { const char* args; int bad; bool in_active; int status; std::string out, err; } checks[] = {
-        {"verify", -2, false, 0, "  9  Not handled by KOR\n 10  Not handled by KOR\n 11  Nothing installed\n", ""},
-        {"verify", 11, false, 0, " 11" + pool + "KNLS             " + dis, multi},
-        {"verify", 5, true, 0, "  5" + pool + "SAFEKNLS         " + dis, single},
-        {"verify", 5, false, 0, "  5" + pool + "SAFEKNLS         " + dis, single},
-        {"verify", -1, false, 0, " 11" + pool + "KNLS             " + check + "OK\n 12" + pool + "DTS              " +
-                                 check + "OK (wts=2)\n 13" + pool + "ROOTS            " + check + "UNKNOWN\n", ""},
-        {"verify 1", -1, false, 0, "", ""}, {"verify SET2", -1, false, 1, "", ""},
-    };
-    for (const auto& c : checks) {
-        Fixture f;
-        f.m.partset[1].refs[0] = 11;
-        if (c.in_active) f.m.partset[0].refs[0] = static_cast<int8_t>(c.bad);
+}
+
+const std::string kCheck = "CRC32 content check: ", kPool = "  Belongs to pool ",
+                  kWrap = "\n             ",  // the warnings' continuation lines
+                  kDisparity = " have a disparity between" + kWrap + "calculated and hostconfig recorded",
+                  kMultiWarning = "WARNING: 1/4 multi pools" + kDisparity + kWrap + "CRC32 values.\n",
+                  kSingletonWarning = "WARNING: 1/4 singleton pools" + kDisparity + " " + kWrap + "CRC32 values.\n",
+                  kActiveWarning = kWrap.substr(1) + "AT LEAST ONE OF THESE SINGLETONS IS PART OF THE ACTIVE SET" +
+                                   kWrap + "DO NOT REBOOT UNTIL THIS ISSUE HAS BEEN FIXED!\n";
+
+// A verify run on the default layout where set 1 lists 11, entries 5 (when damaged), 11, 12 and 13 hold content:
+// 12 with its header in front, 13 recorded without a CRC. One entry may be damaged, and may be in the active set.
+class VerifyRow : public cli::Builder<VerifyRow> {
+public:
+    explicit VerifyRow(const std::string& args) : Builder(args)
+    {
+        Builder::args(args);
+        hook_returns(Hook::activate_post, 7);
+    }
+    VerifyRow& damaged(int idx)
+    {
+        name += ", entry " + std::to_string(idx) + " damaged";
+        damaged_ = idx;
+        return *this;
+    }
+    VerifyRow& damaged_in_active_set(int idx)
+    {
+        damaged_in_active_ = true;
+        name += " in the active set";
+        return damaged(idx);
+    }
+    VerifyRow& nothing_stored()
+    {
+        name += ", no hostconfig stored";
+        stored_ = false;
+        return *this;
+    }
+
+    void prepare(Device& dev) const
+    {
+        dev.with_default_layout();
+        korl_data m = default_record();
+        m.partset[1].refs[0] = 11;
+        if (damaged_in_active_) m.partset[0].refs[0] = static_cast<int8_t>(damaged_);
         for (int i : {5, 11, 12, 13})
-            if (i != 5 || c.bad == 5) f.install(i, i != c.bad, i == 12);
-        f.m.pinfometa[13].body_crc = 0;
-        sandbox::RunResult r = f.run(c.args, "0.0.0", c.bad == -2);
-        const bool found = r.out.find(c.out) != std::string::npos, warned = r.out.find(active) != std::string::npos;
-        EXPECT_EQ(std::to_string(r.status) + (found ? "" : r.out) + (r.out.empty() ? "-" : "") + r.err +
-                      (warned ? "!" : ""),
-                  std::to_string(c.status) + (c.out.empty() ? "-" : "") + c.err + (c.in_active ? "!" : "")) << c.args;
+            if (i != 5 || damaged_ == 5) install(dev, m, i, i != damaged_, i == 12);
+        m.pinfometa[13].body_crc = 0;
+        store(dev, stored_ ? &m : nullptr, 0, {0, 0});
+    }
+
+private:
+    int damaged_ = -1;
+    bool damaged_in_active_ = false, stored_ = true;
+};
+
+const VerifyRow kVerify[] = {
+    VerifyRow("verify").nothing_stored().status(0).stderr_is("").stdout_lacks(kActiveWarning)
+        .stdout_has("  9  Not handled by KOR\n 10  Not handled by KOR\n 11  Nothing installed\n"),
+    VerifyRow("verify").damaged(11).status(0).stderr_is(kMultiWarning).stdout_lacks(kActiveWarning)
+        .stdout_has(" 11" + kPool + "KNLS             " + kCheck + "DISPARITY\n"),
+    VerifyRow("verify").damaged_in_active_set(5).status(0).stderr_is(kSingletonWarning).stdout_has(kActiveWarning)
+        .stdout_has("  5" + kPool + "SAFEKNLS         " + kCheck + "DISPARITY\n"),
+    VerifyRow("verify").damaged(5).status(0).stderr_is(kSingletonWarning).stdout_lacks(kActiveWarning)
+        .stdout_has("  5" + kPool + "SAFEKNLS         " + kCheck + "DISPARITY\n"),
+    VerifyRow("verify").status(0).stderr_is("").stdout_lacks(kActiveWarning)
+        .stdout_has(" 11" + kPool + "KNLS             " + kCheck + "OK\n 12" + kPool + "DTS              " + kCheck +
+                    "OK (wts=2)\n 13" + kPool + "ROOTS            " + kCheck + "UNKNOWN\n"),
+    VerifyRow("verify 1").status(0).stdout_is("").stderr_is(""),
+    VerifyRow("verify SET2").status(1).stdout_is("").stderr_is(""),
+};
+
+TEST(Cycle, Verify)
+{
+    KOR_SANDBOX_OR_SKIP();
+    for (const VerifyRow& row : kVerify) {
+        Device dev;
+        row.prepare(dev);
+        cli::run(row, dev);
     }
 }
 
 // A software content header as the flash holds it (CRCs by zlib); 4 KiB of flash: the content, headers behind it.
 const bytes kBody(256, 9);
-bytes header(uint8_t version, uint16_t length = 64, uint32_t body_crc = crc(kBody), uint32_t crc_flip = 0)
+
+bytes header(uint8_t version, uint16_t length = 64, uint32_t body_crc = crc(kBody), uint32_t flip_header_crc = 0)
 {
     korl_pinfometa p{0, 4, length, static_cast<uint32_t>(kBody.size()), "KNL-SAFE", body_crc, version, 0, 0, {}};
     bytes h(reinterpret_cast<uint8_t*>(&p), reinterpret_cast<uint8_t*>(&p + 1));
     h.resize(length);
-    const uint32_t hcrc = static_cast<uint32_t>(::crc32(0, &h[4], length - 4u)) ^ crc_flip;
-    return std::memcpy(&h[0], &hcrc, 4), h;
+    const uint32_t hcrc = static_cast<uint32_t>(::crc32(0, &h[4], length - 4u)) ^ flip_header_crc;
+    std::memcpy(&h[0], &hcrc, 4);
+    return h;
 }
 
-TEST(Cycle, Rebuild)
+constexpr int kNotFound = -1;
+
+TEST(Cycle, RebuildMeta)
 {
     KOR_SANDBOX_OR_SKIP();
-    const char* knl = "KNL-SAFE";  // version -1: not found
-    const struct { const char* what; std::vector<std::pair<size_t, bytes>> placed; uint32_t size; int version; }
-        cases[] = {
+    const char* knl = "KNL-SAFE";
+    const struct {
+        const char* what;
+        std::vector<std::pair<size_t, bytes>> placed;  // at a byte offset of the flash
+        uint32_t size;                                 // the bytes searched
+        int found_version;
+    } cases[] = {
         {"short device", {{1027, header(2)}}, 0x200000, 2},
         {"bad header crc first", {{1024, header(3, 64, crc(kBody), 1)}, {2049, header(4)}}, 4096, 4},
-        {"bad body crc", {{1024, header(5, 64, 0x1234)}}, 4096, -1},
-        {"name too close to start", {{5, bytes(knl, knl + 8)}}, 4096, -1},
+        {"bad body crc", {{1024, header(5, 64, 0x1234)}}, 4096, kNotFound},
+        {"name too close to start", {{5, bytes(knl, knl + 8)}}, 4096, kNotFound},
         {"last fitting position", {{4096 - 65, header(6)}}, 4096, 6},
-        {"too close to the end", {{4096 - 64, header(7)}}, 4096, -1},
-        {"header longer than kept", {{1024, header(8, 76)}}, 4096, -1},
+        {"too close to the end", {{4096 - 64, header(7)}}, 4096, kNotFound},
+        {"header longer than kept", {{1024, header(8, 76)}}, 4096, kNotFound},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
         bytes flash = kBody;
         flash.resize(4096, 0xFF);
-        for (const auto& [at, b] : c.placed) std::copy(b.begin(), b.end(), flash.begin() + at);
+        for (const auto& [at, b] : c.placed) std::copy(b.begin(), b.end(), flash.begin() + long(at));
         Device dev;
         dev.add_block_device("/dev/mtd7", flash);
         korl_data m{};
         testing::internal::CaptureStderr();
-        const std::string got = std::to_string(rebuild_meta(&m, knl, 7, c.size));
-        EXPECT_EQ(got + testing::internal::GetCapturedStderr(),
-                  c.version >= 0 ? "1" : "0rebuild_meta: Failed to locate tsb for KNL-SAFE\n") << c.what;
+        const int result = rebuild_meta(&m, knl, 7, c.size);
+        const std::string err = testing::internal::GetCapturedStderr();
+        const bool found = c.found_version != kNotFound;
+        EXPECT_EQ(result, found ? 1 : 0);
+        EXPECT_EQ(err, found ? "" : "rebuild_meta: Failed to locate tsb for KNL-SAFE\n");
         const auto* stored = reinterpret_cast<uint8_t*>(&m.pinfometa[7]);
-        EXPECT_EQ(bytes(stored, stored + 64), c.version >= 0 ? header(uint8_t(c.version)) : bytes(64, 0)) << c.what;
+        EXPECT_EQ(bytes(stored, stored + 64), found ? header(uint8_t(c.found_version)) : bytes(64, 0));
+    }
+}
+
+// The rebuild starts from the default hostconfig file; without it, and with no backup to load, from the default
+// layout. Either way it reports where it started, goes on to the flash devices and keeps -cfg= as it was.
+TEST(Cycle, RebuildHostconfigFallsBackToTheDefaultLayout)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const std::string kNoFlash = "rebuild_meta: Could not open /dev/mtd7 for read\n"
+                                 "rebuild_hostcfg: tsb for KNL-SAFE not found\n"
+                                 "rebuild_meta: Could not open /dev/mtd8 for read\n"
+                                 "rebuild_hostcfg: tsb for ROOT-SAFE not found\n"
+                                 "rebuild_meta: Could not open /dev/mtd19 for read\n"
+                                 "rebuild_hostcfg: tsb for APPL-SAFE not found\n";
+    const struct {
+        const char* what;
+        bool default_file;  // stored with active set 2 and SET1 renamed
+        int actset;
+        const char* set1_name;
+    } cases[] = {
+        {"default file", true, 2, "FROM-FILE"},
+        {"default file missing, no backup", false, 0, "SET1"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Device dev;
+        dev.with_default_layout();
+        if (c.default_file) {
+            korl_data from_file = default_record();
+            partset_init(&from_file, 1, "FROM-FILE");
+            static hostconfig file;
+            from_file.actset = 2;
+            ASSERT_EQ(dev.run({"mkdir", "-p", "/mnt/appl"}).status, 0);
+            ASSERT_EQ(hostconfig_new(&file, HOSTCONFIG_MAX), 1);
+            ASSERT_EQ(korl_hostconfig_export(&from_file, &file), 1);
+            ASSERT_EQ(hostconfig_save(&file, HOSTCONFIG_DEFAULT_FILE, nullptr), 1);
+        }
+        kor_options o{};
+        kor_str_copy(o.cfg, sizeof o.cfg, "/dev/mmcblk0p3");  // blank, as is the backup p4
+        kor_str_copy(o.cfgbak, sizeof o.cfgbak, "/dev/mmcblk0p4");
+        korl_data m{};
+        static hostconfig hc;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(rebuild_hostcfg(&o, &m, &hc), 1);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "rebuild_hostcfg: Using /mnt/appl/hostcfg.default as initial hostconfig\n" + kNoFlash);
+        EXPECT_STREQ(o.cfg, "/dev/mmcblk0p3");
+        EXPECT_EQ(m.actset, c.actset);
+        EXPECT_EQ(std::string(m.partset[1].name, strnlen(m.partset[1].name, sizeof m.partset[1].name)), c.set1_name);
+        EXPECT_STREQ(m.partinfo[11].poolname, "KNLS");
     }
 }
 
