@@ -207,6 +207,33 @@ Expectation stored_default_except(const Fields& changed)
             }};
 }
 
+Expectation stored_nonzero_among(const Words& records, const Fields& nonzero)
+{
+    const auto in_records = [records](const std::string& field) {
+        for (const std::string& r : records)
+            if (field.rfind(r + ".", 0) == 0) return true;
+        return false;
+    };
+    for (const std::string& r : records) {
+        bool known = false;
+        for (const hcdec::Field& f : hcdec::kor_data_fields(bytes(3240, 0))) known = known || f.name.rfind(r + ".", 0) == 0;
+        if (!known) return unknown_field(r);
+    }
+    for (const auto& [field, value] : nonzero)
+        if (!hcdec::is_kor_data_field(field) || !in_records(field)) return unknown_field(field);
+    return {"stored fields of the records not zero but these", [=](const Outcome& o) {
+                bytes body;
+                if (!hcdec::stored_kor_data(o.dev.read(kP3, 0, HOSTCONFIG_MAX), &body))
+                    return std::string("p3 holds no \"KOR data\"");
+                std::map<std::string, std::string> want(nonzero.begin(), nonzero.end()), got;
+                for (const hcdec::Field& f : hcdec::kor_data_fields(body))
+                    if (in_records(f.name) && !f.zero) got[f.name] = f.value;
+                std::string found;
+                for (const auto& [field, value] : got) found += field + " = " + in_quotes(value) + "\n";
+                return got == want ? "" : "they are\n" + found;
+            }};
+}
+
 Expectation hostconfig_unchanged() { return unchanged("hostconfig copies", {key(kP3, 0), key(kP4, 0)}); }
 
 Expectation device_unchanged() { return unchanged("device", {}); }

@@ -74,6 +74,8 @@ Expectation syslog_has(int priority, const std::string& text);      // one datag
 Expectation syslog_lacks(const std::string& text);                  // no datagram holding the text
 Expectation stored(const std::string& field, const std::string& value);  // in p3's "KOR data"
 Expectation stored_default_except(const Fields& changed);  // every other field as in the default layout
+// Of the fields of `records` ("partinfo[5]", "pinfometa[5]", ...), exactly `nonzero` are not zero, and so.
+Expectation stored_nonzero_among(const Words& records, const Fields& nonzero);
 Expectation hostconfig_unchanged();                        // both copies byte for byte
 Expectation device_unchanged();                            // everything in the snapshot
 Expectation flags_area(const bytes& first);                // the first bytes at 0x3FE00 of p3
@@ -145,6 +147,10 @@ public:
     Self& syslog_lacks(const std::string& t) { return expect(expectation::syslog_lacks(t)); }
     Self& stored(const std::string& field, const std::string& v) { return expect(expectation::stored(field, v)); }
     Self& stored_default_except(const Fields& f) { return expect(expectation::stored_default_except(f)); }
+    Self& stored_nonzero_among(const Words& records, const Fields& nonzero)
+    {
+        return expect(expectation::stored_nonzero_among(records, nonzero));
+    }
     Self& hostconfig_unchanged() { return expect(expectation::hostconfig_unchanged()); }
     Self& device_unchanged() { return expect(expectation::device_unchanged()); }
     Self& flags_area(const bytes& first) { return expect(expectation::flags_area(first)); }
