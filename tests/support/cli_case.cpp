@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <regex>
 #include <sstream>
 
 #include "hostconfig/hostconfig.h"
@@ -145,6 +146,13 @@ Expectation stdout_has_times(const std::string& t, size_t n)
 {
     return text_has_times("stdout", &sandbox::RunResult::out, t, n);
 }
+Expectation stdout_matches(const std::string& regex)
+{
+    return {"stdout matches " + in_quotes(regex), [=](const Outcome& o) {
+                return std::regex_match(o.run.out, std::regex(regex)) ? "" : "stdout was " + in_quotes(o.run.out);
+            }};
+}
+
 Expectation stderr_is(const std::string& t) { return text_is("stderr", &sandbox::RunResult::err, t); }
 Expectation stderr_has(const std::string& t) { return text_has("stderr", &sandbox::RunResult::err, t, true); }
 Expectation stderr_lacks(const std::string& t) { return text_has("stderr", &sandbox::RunResult::err, t, false); }

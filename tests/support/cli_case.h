@@ -65,6 +65,7 @@ Expectation stdout_is(const std::string& text);
 Expectation stdout_has(const std::string& text);
 Expectation stdout_lacks(const std::string& text);
 Expectation stdout_has_times(const std::string& text, size_t times);
+Expectation stdout_matches(const std::string& regex);  // the whole of it (ECMAScript syntax)
 Expectation stderr_is(const std::string& text);
 Expectation stderr_has(const std::string& text);
 Expectation stderr_lacks(const std::string& text);
@@ -138,6 +139,7 @@ public:
     Self& stdout_has(const std::string& t) { return expect(expectation::stdout_has(t)); }
     Self& stdout_lacks(const std::string& t) { return expect(expectation::stdout_lacks(t)); }
     Self& stdout_has_times(const std::string& t, size_t n) { return expect(expectation::stdout_has_times(t, n)); }
+    Self& stdout_matches(const std::string& regex) { return expect(expectation::stdout_matches(regex)); }
     Self& stderr_is(const std::string& t) { return expect(expectation::stderr_is(t)); }
     Self& stderr_has(const std::string& t) { return expect(expectation::stderr_has(t)); }
     Self& stderr_lacks(const std::string& t) { return expect(expectation::stderr_lacks(t)); }
