@@ -170,6 +170,8 @@ Device::~Device()
     for (int fd : loop_fds_) ioctl(fd, LOOP_CLR_FD, 0), close(fd);
 }
 
+std::string workdir() { return kWork; }
+
 std::string Device::workdir() const { return kWork; }
 
 void Device::with_default_layout(uint64_t part_size)

@@ -33,6 +33,8 @@ struct RunResult {
     std::string log_text() const { std::string s; for (const auto& l : log) s += l.text; return s; }
 };
 
+std::string workdir();  // the test's own directory on every Device's tmpfs: Device::workdir()
+
 constexpr uint64_t kHostconfigPartSize = 1 << 20;  // p3 and p4; holds the flags at 0x3FE00
 // kor's key directory and minimum release file live here (write_file() puts files there for a test).
 const std::string kEtcKor = "/etc/kor";
