@@ -23,9 +23,12 @@ constexpr int kKilled = 9 + 63;  // the parent's status for a worker killed by S
 
 uint32_t u32(const bytes& b, size_t at) { return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | uint32_t(b[at + 3]) << 24; }
 
+std::string release_path(uint16_t build) { return sandbox::workdir() + "/r1.0." + std::to_string(build) + ".velk"; }
+
+// Release 1.0.`build` with a kernel, a device tree and a root of odd lengths; its path.
 std::string release(Device& d, uint16_t build)
 {
-    std::string v = "1.0." + std::to_string(build), path = d.workdir() + "/r" + v + ".velk";
+    const std::string v = "1.0." + std::to_string(build), path = release_path(build);
     std::vector<mkvelk::part> parts{mkvelk::release_header(1, 0, build, 0, "b" + v, "products=dev1\n"),
         mkvelk::korm("2,KNLS,0,-,-,-," + v + ",1\n3,DTS,0,-,-,-," + v + ",1\n4,ROOTS,0,-,-,-," + v + ",3\n")};
     for (auto [name, n] : {std::pair{"kernel", 1501}, {"dtb", 301}, {"root", 2002}}) {
@@ -34,10 +37,16 @@ std::string release(Device& d, uint16_t build)
         parts.push_back(mkvelk::software(name, 1, 0, build, name, b));
     }
     const bytes img = mkvelk::build_image(parts);
-    return d.write_file(path, std::string(img.begin(), img.end())), path;
+    d.write_file(path, std::string(img.begin(), img.end()));
+    return path;
 }
 
-void start(Device& d) { d.with_default_layout(64 << 10); ASSERT_EQ(d.kor({"install", release(d, 1), "2"}).status, 0); }
+// The default layout with release 1 installed in set 2.
+void start(Device& d)
+{
+    d.with_default_layout(64 << 10);
+    ASSERT_EQ(d.kor({"install", release(d, 1), "2"}).status, 0);
+}
 
 // The "KOR data" of the copy kor loads (the primary when it passes every CRC, else the backup), or nothing.
 bytes record(const Device& d, bool backup_too = true)
@@ -46,8 +55,9 @@ bytes record(const Device& d, bool backup_too = true)
         hcdec::Image img;
         bool ok = hcdec::decode_image(d.read(Device::part(n), 0, kImageMax), &img) && img.crcs_ok;
         for (const hcdec::Part& p : img.parts) ok = ok && p.crcs_ok;
+        if (!ok) continue;
         for (const hcdec::Part& p : img.parts)
-            if (ok && p.name == "KOR data" && p.body.size() >= kKorData) return bytes(p.body.begin(), p.body.begin() + kKorData);
+            if (p.name == "KOR data" && p.body.size() >= kKorData) return bytes(p.body.begin(), p.body.begin() + kKorData);
     }
     return {};
 }
@@ -73,7 +83,8 @@ State state(Device& d)
 {
     sandbox::RunResult r = d.kor({"info"});
     EXPECT_EQ(r.status, 0) << r.err;
-    for (size_t at; (at = r.out.find("KOR Data Upgrade")) != std::string::npos;) r.out.erase(at, r.out.find('\n', at) + 1 - at);
+    for (size_t at = r.out.find("KOR Data Upgrade"); at != std::string::npos; at = r.out.find("KOR Data Upgrade"))
+        r.out.erase(at, r.out.find('\n', at) + 1 - at);
     return {record(d), r.out};
 }
 
@@ -88,18 +99,23 @@ auto snapshot(const Device& d)
     };
 }
 
-// kor killed at device write `k` (0: never, the writes go to `writes`) after `torn` bytes of it (-1: whole).
+constexpr long kWhole = -1;
+
+// kor killed at device write `k` (0: never, the writes go to `writes`) after `torn` bytes of it (kWhole: all).
 int cut_run(Device& d, const Args& args, size_t k, long torn, Writes* writes = nullptr)
 {
     const std::string log = d.workdir() + "/writes.log";
     const char* asan = std::getenv("ASAN_OPTIONS");  // the preload comes before ASan's runtime
-    auto o = sandbox::RunOptions().set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes)).set("KOR_WRITE_LOG", log)
-        .set("ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0");
+    auto o = sandbox::RunOptions()
+                 .set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes))
+                 .set("KOR_WRITE_LOG", log)
+                 .set("ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0");
     if (k > 0) o.set("KOR_KILL_AFTER_WRITES", std::to_string(k)).set("KOR_TORN_BYTES", std::to_string(torn));
     unlink(log.c_str());
-    int status = d.kor(args, o).status;
+    const int status = d.kor(args, o).status;
     std::istringstream in(d.read_file(log));
-    for (std::pair<std::string, size_t> w; writes && in >> w.first >> w.second;) writes->push_back(w);
+    std::pair<std::string, size_t> w;
+    while (writes && in >> w.first >> w.second) writes->push_back(w);
     return status;
 }
 
@@ -111,57 +127,83 @@ std::string damage(Device& d, const State& now, const std::vector<State>& ok, bo
     if (!any([&](const State& s) { return s.kd == now.kd; })) why += "stored record neither old nor new; ";
     if (tested && now.kd == ok.back().kd && !(d.read(Device::part(3), kFlags, 1)[0] & 1))
         why += "new set active without its test mark; ";
-    if (lost && record(d, false).empty() && (++*lost, now.kd == ok.front().kd))
-        why += "primary lost before the backup was new; ";
+    if (lost && record(d, false).empty()) {
+        ++*lost;
+        if (now.kd == ok.front().kd) why += "primary lost before the backup was new; ";
+    }
     if (d.kor({"verify", "2"}).status != 0) why += "set active before does not verify; ";
     return why + missing_content(d, now.kd);
 }
+
+// A command cut at each of its device writes, whole or torn; after each cut, `then` (if any) cut at each of its own.
+class Scenario {
+public:
+    explicit Scenario(Args args) : args(std::move(args)) {}
+    Scenario& then(Args a) { then_ = std::move(a); return *this; }
+    // Release 3 installed into SET1 first, so that the command installs over a release.
+    Scenario& over_release() { over_release_ = true; return *this; }
+    // The command marks the new set for test: it must never be active without its mark.
+    Scenario& marks_for_test() { tested = true; return *this; }
+
+    Args args, then_;
+    bool over_release_ = false, tested = false;
+};
 
 TEST(Interrupt, EveryWriteCutWholeOrTornThenTheNextSaveCutToo)
 {
     KOR_SANDBOX_OR_SKIP();
     if (std::getenv("KOR_TEST_EMULATOR")) GTEST_SKIP() << "hundreds of kor runs, too slow under emulation";
-    // "IMG" is release 2; `then` is cut at each of its writes after each cut of `args`; release 3 in SET1 first.
-    const struct { Args args, then; bool over_release = false; } scenarios[] = {
-        {{"install", "IMG", "1", "-test"}, {}}, {{"install", "IMG", "1", "-noactivate"}, {}},
-        {{"partset", "1", "SET1", "-refs=15,16,17", "-meta=1.0.9"}, {"partset", "1", "SETX", "-refs=16", "-meta=1.0.6"}},
-        {{"partinfo", "19", "KNLS", "0x10000", "-pn=15", "-metacrc=7"}, {}},
-        {{"activate", "0", "-f"}, {}}, {{"install", "IMG", "1"}, {}, true},  // SAFESET lists nothing to verify
+    const std::string release2 = release_path(2);
+    const Scenario scenarios[] = {
+        Scenario({"install", release2, "1", "-test"}).marks_for_test(),
+        Scenario({"install", release2, "1", "-noactivate"}),
+        Scenario({"partset", "1", "SET1", "-refs=15,16,17", "-meta=1.0.9"})
+            .then({"partset", "1", "SETX", "-refs=16", "-meta=1.0.6"}),
+        Scenario({"partinfo", "19", "KNLS", "0x10000", "-pn=15", "-metacrc=7"}),
+        Scenario({"activate", "0", "-f"}),  // SAFESET lists nothing to verify
+        Scenario({"install", release2, "1"}).over_release(),
     };
     int lost = 0;
-    for (const auto& s : scenarios) {
+    for (const Scenario& s : scenarios) {
         SCOPED_TRACE(s.args[0] + " " + s.args.back());
         Device d;
         ASSERT_NO_FATAL_FAILURE(start(d));
-        ASSERT_TRUE(!s.over_release || d.kor({"install", release(d, 3), "1", "-noactivate"}).status == 0);
-        Args args = s.args;
-        std::replace(args.begin(), args.end(), std::string("IMG"), release(d, 2));
+        release(d, 2);
+        if (s.over_release_) {
+            ASSERT_EQ(d.kor({"install", release(d, 3), "1", "-noactivate"}).status, 0);
+        }
         auto restore = snapshot(d);
         std::vector<State> ok{state(d)};
         // Killed after the save before the first partition write: the released record may load.
-        ASSERT_TRUE(!s.over_release || cut_run(d, args, 2, -1) == kKilled);
-        if (s.over_release) ok.push_back(state(d)), restore();
+        if (s.over_release_) {
+            ASSERT_EQ(cut_run(d, s.args, 2, kWhole), kKilled);
+            ok.push_back(state(d));
+            restore();
+        }
         Writes w, w2;
-        ASSERT_EQ(cut_run(d, args, 0, -1, &w), 0);
+        ASSERT_EQ(cut_run(d, s.args, 0, kWhole, &w), 0);
         ok.push_back(state(d));
-        ASSERT_TRUE(s.then.empty() || cut_run(d, s.then, 0, -1, &w2) == 0);
+        if (!s.then_.empty()) {
+            ASSERT_EQ(cut_run(d, s.then_, 0, kWhole, &w2), 0);
+        }
         const State second = state(d);
         ASSERT_NE(ok.front().kd, ok.back().kd);
         for (size_t k = 1; k <= w.size(); ++k) {
-            const long n = long(w[k - 1].second);  // cut after all of it (-1), 0, 1, n / 2, n - 1 bytes, each block
-            std::set<long> cuts{-1, 0, 1, n / 2, n - 1};
+            const long n = long(w[k - 1].second);  // cut after all of it, 0, 1, n / 2, n - 1 bytes, each block
+            std::set<long> cuts{kWhole, 0, 1, n / 2, n - 1};
             for (long b = kBlock; b < n; b += kBlock) cuts.insert(b);
             for (long t : cuts) {
                 if (t >= n) continue;
                 restore();
-                EXPECT_EQ(cut_run(d, args, k, t), kKilled) << "write " << k << " not reached";
+                EXPECT_EQ(cut_run(d, s.args, k, t), kKilled) << "write " << k << " not reached";
                 State now = state(d);
-                EXPECT_EQ(damage(d, now, ok, s.args.back() == "-test", &lost), "")
+                EXPECT_EQ(damage(d, now, ok, s.tested, &lost), "")
                     << "cut at write " << k << " (" << w[k - 1].first << ", " << w[k - 1].second << " bytes) after " << t;
                 auto back = snapshot(d);
-                for (size_t j = 1; j <= w2.size(); ++j, back()) {
-                    EXPECT_EQ(cut_run(d, s.then, j, long(w2[j - 1].second / 2)), kKilled);
+                for (size_t j = 1; j <= w2.size(); ++j) {
+                    EXPECT_EQ(cut_run(d, s.then_, j, long(w2[j - 1].second / 2)), kKilled);
                     EXPECT_EQ(damage(d, state(d), {now, second}, false, nullptr), "") << "then cut at write " << j;
+                    back();
                 }
             }
         }
@@ -190,7 +232,8 @@ TEST(Interrupt, EverySubsetOfTheBlocksOfOneCopyLoadsOldOrNew)
             if (mask >> b & 1) std::copy_n(&new_copy[b * kBlock], kBlock, &primary[b * kBlock]);
         if (!seen.insert({primary, backup}).second) continue;  // same bytes as an earlier mix
         SCOPED_TRACE((repaired ? "repaired first, blocks " : "primary last, blocks ") + std::to_string(mask));
-        d.write(Device::part(3), 0, primary), d.write(Device::part(4), 0, backup);
+        d.write(Device::part(3), 0, primary);
+        d.write(Device::part(4), 0, backup);
         const std::string info = state(d).info;
         EXPECT_TRUE(info == info_old || info == info_new) << info;
     }
