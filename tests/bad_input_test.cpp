@@ -59,7 +59,8 @@ std::vector<Row> rows()
 {
     std::ifstream in(std::string(KOR_SOURCE_DIR) + "/tests/golden/info_default.txt");
     const std::string info_default(std::istreambuf_iterator<char>(in), {}), p100(100, 'p'),
-                      kormd = "install: korl_parse_kormd failed: ", too_long = " value too long (at most 99 characters).\n",
+                      kormd = "install: korl_parse_kormd failed: ",
+                      too_long = " value too long (at most 99 characters).\n",
                       line2000 = kKernel.substr(0, 22) + std::string(1978, ' ') + "\n";
     return {
         Row("19 words").args("info" + repeat(" w", 18)).status(0),

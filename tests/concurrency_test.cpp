@@ -62,9 +62,13 @@ TEST(Concurrency, LockTakenAsTheHolderLeavesStillExcludes)
         return d.exists(path);
     };
     const std::string held = d.workdir() + "/a.held", inside = d.workdir() + "/b.inside";
-    const std::string asan = std::string(getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "") + ":verify_asan_link_order=0";
-    int a = d.spawn_kor({"info"}, RunOptions().set("ASAN_OPTIONS", asan).set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes))
-        .set("KOR_UNLINK_DELAY_MS", "1000").set("KOR_UNLINK_MARK", held));  // the preload comes before ASan's runtime
+    const char* asan_options = getenv("ASAN_OPTIONS");  // the preload comes before ASan's runtime
+    const std::string asan = std::string(asan_options ? asan_options : "") + ":verify_asan_link_order=0";
+    int a = d.spawn_kor({"info"}, RunOptions()
+                                      .set("ASAN_OPTIONS", asan)
+                                      .set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes))
+                                      .set("KOR_UNLINK_DELAY_MS", "1000")
+                                      .set("KOR_UNLINK_MARK", held));
     ASSERT_TRUE(wait_for(held, a));
     int b = d.spawn_kor({"activate", "0", "-f", "-plugin=" + d.stage(KOR_PLUGIN_slow_plugin)},
                         RunOptions().set("KOR_TEST_SLOW_MARK", inside).set("KOR_TEST_SLOW_MS", "3000"));

@@ -90,7 +90,10 @@ public:
         return *this;
     }
     // What the stored record and the flags area hold afterwards.
-    CycleRow& after(int actset, const bytes& flags) { return stored("actset", std::to_string(actset)).flags_area(flags); }
+    CycleRow& after(int actset, const bytes& flags)
+    {
+        return stored("actset", std::to_string(actset)).flags_area(flags);
+    }
 
     void prepare(Device& dev) const
     {

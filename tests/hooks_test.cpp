@@ -1,4 +1,5 @@
-// Hook resolution (linked in, then bound by name from a plugin; a bad plugin changes nothing) and a plugin's hostconfig rebuild.
+// Hook resolution (linked in, then bound by name from a plugin; a bad plugin changes nothing) and a plugin's
+// hostconfig rebuild.
 #include <syslog.h>
 
 #include <cstdlib>
@@ -62,7 +63,8 @@ TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWinThenAPluginRebuildsTheHostcon
               "kor_install_hook_on_failure 2 3\n"
               "kor_activate_hook_post 1\n");
 #endif
-    dev.with_default_layout();  // both hostconfig copies lack "KOR data": only a plugin's rebuild lets the install go on
+    // Both hostconfig copies lack "KOR data": only a plugin's rebuild lets the install go on.
+    dev.with_default_layout();
     dev.write_file("/mnt/appl/.keep", "");
     static hostconfig hc;
     ASSERT_EQ(hostconfig_new(&hc, HOSTCONFIG_MAX), 1);
@@ -84,5 +86,6 @@ TEST(Hooks, LinkedHookIsFoundThenPluginFunctionsWinThenAPluginRebuildsTheHostcon
     const auto with = dev.kor({"install", path, "1", "-plugin=" + dev.stage(KOR_PLUGIN_rebuild_plugin)});
     EXPECT_EQ(with.status, 0);
     EXPECT_EQ(with.err.rfind(rebuilt, 0), 0u) << with.err;
-    EXPECT_EQ(dev.kor({"getpartset", "1", "-pif=pidx,pool,len_dec"}).out, "11,KNLS,1000\n") << "the rebuilt table was saved";
+    EXPECT_EQ(dev.kor({"getpartset", "1", "-pif=pidx,pool,len_dec"}).out, "11,KNLS,1000\n")
+        << "the rebuilt table was saved";
 }

@@ -171,7 +171,8 @@ TEST(HostconfigFiles, AddSaveLoadLookUpAndFlags)
     }
 
     dev.write(kP3, HOSTCONFIG_FLAGS_OFFSET, {0xFD, 0x02});  // a state per bit: set 0 has none, there is no set 3
-    for (auto [set, state] : {std::pair{0, 0}, {1, 1}, {2, 0}, {3, -1}}) EXPECT_EQ(get_upgrade_state(set), state) << set;
+    for (auto [set, state] : {std::pair{0, 0}, {1, 1}, {2, 0}, {3, -1}})
+        EXPECT_EQ(get_upgrade_state(set), state) << set;
     testing::internal::CaptureStdout();  // a state other than 0 and 1: refused, nothing written
     EXPECT_EQ(set_upgrade_state(2, 2), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "cannot set state to 2, invalid");

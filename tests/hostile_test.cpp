@@ -75,7 +75,8 @@ TEST(HostileTest, ScriptedServers)
     const auto resumed = [](const std::string& answer) { return strings{partial(0, 0), answer}; };
     const std::string refused_redirect = "install: server answered with a redirect (302); redirects are not followed\n";
     const Hostile cases[] = {
-        Hostile("302 to the resume").installed_first().answers(resumed(response("302 Found\r\nLocation: /img.velk", "")))
+        Hostile("302 to the resume").installed_first()
+            .answers(resumed(response("302 Found\r\nLocation: /img.velk", "")))
             .status(16).stderr_has(refused_redirect).requested_ranges(then_resumed).skipped_bodies(1).written_bodies(0),
         Hostile("long header to the resume").installed_first()
             .answers(resumed(response("200 OK\r\nX: " + std::string(1200, 'x'), img)))

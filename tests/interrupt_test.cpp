@@ -57,7 +57,8 @@ bytes record(const Device& d, bool backup_too = true)
         for (const hcdec::Part& p : img.parts) ok = ok && p.crcs_ok;
         if (!ok) continue;
         for (const hcdec::Part& p : img.parts)
-            if (p.name == "KOR data" && p.body.size() >= kKorData) return bytes(p.body.begin(), p.body.begin() + kKorData);
+            if (p.name == "KOR data" && p.body.size() >= kKorData)
+                return bytes(p.body.begin(), p.body.begin() + kKorData);
     }
     return {};
 }
@@ -198,7 +199,8 @@ TEST(Interrupt, EveryWriteCutWholeOrTornThenTheNextSaveCutToo)
                 EXPECT_EQ(cut_run(d, s.args, k, t), kKilled) << "write " << k << " not reached";
                 State now = state(d);
                 EXPECT_EQ(damage(d, now, ok, s.tested, &lost), "")
-                    << "cut at write " << k << " (" << w[k - 1].first << ", " << w[k - 1].second << " bytes) after " << t;
+                    << "cut at write " << k << " (" << w[k - 1].first << ", " << w[k - 1].second
+                    << " bytes) after " << t;
                 auto back = snapshot(d);
                 for (size_t j = 1; j <= w2.size(); ++j) {
                     EXPECT_EQ(cut_run(d, s.then_, j, long(w2[j - 1].second / 2)), kKilled);

@@ -126,7 +126,8 @@ TEST(Korm, ModelMinimumVersionCidxMatchAndImport)
 {
     using namespace std::string_literals;
     const struct { std::string body; const char* model; bool match; } rows[] = {
-        {"products=a,b\n", "", false}, {"products=a,b\0"s, "b", false}, {"products=a,", "a", true}, {"products=a,b", "b", false},
+        {"products=a,b\n", "", false}, {"products=a,b\0"s, "b", false}, {"products=a,", "a", true},
+        {"products=a,b", "b", false},
         {"rel=1\nproducts=x,a\nk=v\n", "a", true}, {"products=abc\n", "ab", false}, {"products=ab,a\n", "a", true},
         {"x\0products=a\n"s, "a", false}, {"products=a\nb\n", "b", false}, {"products", "a", false}};
     for (const auto& row : rows) {  // exactly body_length bytes: a read beyond the body leaves the allocation

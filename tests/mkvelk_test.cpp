@@ -81,8 +81,8 @@ std::vector<std::string> decode(const bytes& img)
         Laid p(str(img, o + 12, 16), type);
         p.at(o).header(hdr).body(body);
         if (type == kRelease) {
-            const std::string version =
-                std::to_string(img[o + 32]) + "." + std::to_string(img[o + 33]) + "-" + std::to_string(rd16(img, o + 34));
+            const std::string version = std::to_string(img[o + 32]) + "." + std::to_string(img[o + 33]) + "-" +
+                                        std::to_string(rd16(img, o + 34));
             p.release(version, rd32(img, o + 36), str(img, o + 40, 36));
         }
         if (type == kSoftware) p.software(rd32(img, o + 32), str(img, o + 36, hdr - 36));

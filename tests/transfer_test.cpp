@@ -99,7 +99,8 @@ TEST(TransferTest, NginxAuthRedirectAndCertificate)
     const Nginx cases[] = {
         Nginx("user and password").user("kor:secret@").path("private/img.velk")
             .status(0).stderr_has("install: http://***@127.0.0.1:"),
-        Nginx("wrong password").user("kor:wrong@").path("private/img.velk").status(16).stderr_has("returned error: 401"),
+        Nginx("wrong password").user("kor:wrong@").path("private/img.velk")
+            .status(16).stderr_has("returned error: 401"),
         Nginx("301").path("moved.velk").status(16).stderr_has("install: server answered with a redirect (301)"),
         Nginx("self-signed certificate").tls().status(16).stderr_has("curl returned: 60 == "),
     };

@@ -100,8 +100,9 @@ TEST(VelkStreamParser, SameOutcomeWholeAndByteByByte)
         Feed("skip a bad body", image(4, flip_body(1))).skipping({1, 3}).result(VELK_SP_MORE).status(3)
             .found(4).valid(2).invalid(2).headers(4).parts({kValid, kNotChecked, kValid, kNotChecked}),
     };
+    // Whole and byte by byte; no piece crosses the end of a header whose body is skipped.
     for (const Feed& row : rows)
-        for (size_t piece : {size_t(1) << 30, size_t(1)}) {  // no piece crosses the end of a header whose body is skipped
+        for (size_t piece : {size_t(1) << 30, size_t(1)}) {
             SCOPED_TRACE(row.what + (piece == 1 ? ", byte by byte" : ""));
             const bytes& img = row.img;
             const Offsets at = part_offsets(img);
@@ -129,7 +130,8 @@ TEST(VelkStreamParser, SameOutcomeWholeAndByteByByte)
             EXPECT_EQ(p.invalid, row.invalid_);
             EXPECT_EQ(p.found_headers, row.headers_);
             std::vector<int> validity;
-            for (int i = 0; i < int(VELK_MAX_PARTS); i++) {  // an entry points into the buffer exactly when valid is set
+            // An entry points into the buffer exactly when it is valid.
+            for (int i = 0; i < int(VELK_MAX_PARTS); i++) {
                 const int v = velk_stream_parser_content_part_is_valid(&p, i);
                 validity.push_back(v);
                 const uint8_t* points_to = reinterpret_cast<uint8_t*>(p.parts[i]);

@@ -27,7 +27,8 @@ TEST(VelkValidate, IdentificationFileHeaderAndContentPart)
         uint32_t body_crc_xor = 0;
     } rows[] = {
         {"file header of 24 bytes", true, 1, 24, bytes(5, 7), {}, VELK_OK, VELK_OK},
-        {"hdr_length 15 with its CRC", true, 1, 15, bytes(5, 7), {}, VELK_ERR_SHORT, VELK_ERR_BODY_CRC},  // body 1 early
+        // the body taken one byte early
+        {"hdr_length 15 with its CRC", true, 1, 15, bytes(5, 7), {}, VELK_ERR_SHORT, VELK_ERR_BODY_CRC},
         {"version 2 before length", true, 2, 15, bytes(5, 7), {}, VELK_ERR_VERSION, VELK_ERR_BODY_CRC},
         {"file body_length changed", true, 1, 16, bytes(5, 7), {8}, VELK_ERR_HDR_CRC, VELK_ERR_BODY_CRC},
         {"longer header, any type id", false, 0xFFFF, 64, {9, 8, 7, 6, 5}, {}, VELK_OK, VELK_OK},
@@ -36,7 +37,8 @@ TEST(VelkValidate, IdentificationFileHeaderAndContentPart)
         {"type field changed", false, 4, 40, {1}, {39}, VELK_ERR_HDR_CRC, VELK_ERR_HDR_CRC},
         {"body_crc and body changed", false, 3, 32, {1}, {28, 32}, VELK_ERR_HDR_CRC, VELK_ERR_HDR_CRC},
     };
-    for (const auto& r : rows) {  // body CRC at 12 behind a file header of 16 bytes at least, at 28 behind a part's of 32
+    // The body CRC at 12 behind a file header of 16 bytes at least, at 28 behind a part's of 32.
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.what);
         bytes b(std::max<size_t>(r.hdr_length, r.file ? 16 : 32), 0);
         put(b, 4, r.version_or_type, 2);

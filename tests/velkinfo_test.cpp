@@ -32,7 +32,8 @@ TEST(Velkinfo, ReportsAndRefusals)
     };
     const auto software = [&](int valid) {
         return block("1, type 4, name rootfs", valid,
-                     "sw_version_major..: 3\nsw_version_minor..: 4\nsw_build_number...: 567\nsw_build_id.......: sw-9\n");
+                     "sw_version_major..: 3\nsw_version_minor..: 4\nsw_build_number...: 567\n"
+                     "sw_build_id.......: sw-9\n");
     };
     const auto image = [](size_t release_body) {  // software body at 160, data part: the last 12 bytes
         return mkvelk::build_image(
