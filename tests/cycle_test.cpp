@@ -94,6 +94,11 @@ public:
     {
         return stored("actset", std::to_string(actset)).flags_area(flags);
     }
+    // All the run printed or called: nothing, a text on one stream, or the activate hook's call.
+    CycleRow& silent() { return stdout_is("").stderr_is("").hooks_called({}); }
+    CycleRow& only_stdout(const std::string& t) { return stdout_is(t).stderr_is("").hooks_called({}); }
+    CycleRow& only_stderr(const std::string& t) { return stdout_is("").stderr_is(t).hooks_called({}); }
+    CycleRow& only_hook_call(const std::string& c) { return stdout_is("").stderr_is("").hooks_called({c}); }
 
     void prepare(Device& dev) const
     {
@@ -119,63 +124,53 @@ const std::string kCmdlineSet1 = "console=ttyS0 KORSET=SET1 root=/dev/mmcblk0p13
                   kCmdlineSet5 = "KORSET=SET5", kActiveset = "/tmp/kor.activeset";
 
 const CycleRow kCycle[] = {
-    CycleRow("activate SET1").set1(Set1::good).status(0).after(1, {0, 3})
-        .stdout_is("").stderr_is("").hooks_called({"kor_activate_hook_post 1"}),
-    CycleRow("-dryrun activate 1").set1(Set1::good).status(0).after(0, {1, 3})
-        .stdout_is("").stderr_is("").hooks_called({"kor_activate_hook_post 1"}),
-    CycleRow("-f activate 2").status(0).after(2, {1, 0})
-        .stdout_is("").stderr_is("").hooks_called({"kor_activate_hook_post 2"}),
-    CycleRow("activate 3").set1(Set1::good).status(1).after(0, {1, 3})
-        .stdout_is("").stderr_is("activate: invalid set id: 3\n").hooks_called({}),
-    CycleRow("activate").set1(Set1::good).status(1).after(0, {1, 3})
-        .stdout_is("").stderr_is("activate: invalid set id: (none)\n").hooks_called({}),
-    CycleRow("activate 2").status(1).after(0, {1, 3})
-        .stdout_is("").stderr_is("activate: set 2 validation err=1\n").hooks_called({}),
+    CycleRow("activate SET1").set1(Set1::good).status(0).after(1, {0, 3}).only_hook_call("kor_activate_hook_post 1"),
+    CycleRow("-dryrun activate 1").set1(Set1::good)
+        .status(0).after(0, {1, 3}).only_hook_call("kor_activate_hook_post 1"),
+    CycleRow("-f activate 2").status(0).after(2, {1, 0}).only_hook_call("kor_activate_hook_post 2"),
+    CycleRow("activate 3").set1(Set1::good).status(1).after(0, {1, 3}).only_stderr("activate: invalid set id: 3\n"),
+    CycleRow("activate").set1(Set1::good).status(1).after(0, {1, 3}).only_stderr("activate: invalid set id: (none)\n"),
+    CycleRow("activate 2").status(1).after(0, {1, 3}).only_stderr("activate: set 2 validation err=1\n"),
     CycleRow("activate 1").set1(Set1::damaged_12).status(1).after(0, {1, 3})
-        .stdout_is("").stderr_is("activate: set 1 validation err=4\n").hooks_called({}),
+        .only_stderr("activate: set 1 validation err=4\n"),
     CycleRow("activate 1").set1(Set1::empty_12).status(1).after(0, {1, 3})
-        .stdout_is("").stderr_is("activate: set 1 validation err=2\n").hooks_called({}),
+        .only_stderr("activate: set 1 validation err=2\n"),
     CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 0})
-        .status(0).after(2, {0, 1}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(2, {0, 1}).silent(),
     CycleRow("-test upgrade activate").cmdline("ro KORSET=SAFESET").file(kActiveset, "2").stored_before(1, {0, 3})
-        .status(0).after(2, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(2, {0, 0}).silent(),
     CycleRow("upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 1})
-        .status(0).after(2, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(2, {0, 0}).silent(),
     CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(2, {0, 3})
-        .status(0).after(2, {0, 3}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(2, {0, 3}).silent(),
     CycleRow("upgrade activate").cmdline(kCmdlineSet1).stored_before(1, {0, 0})  // no active set file
-        .status(1).after(1, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(1).after(1, {0, 0}).silent(),
     CycleRow("-dryrun -test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 0})
-        .status(0).after(1, {0, 0}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(1, {0, 0}).silent(),
     CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "0").stored_before(1, {0, 0})
-        .status(1).after(0, {0, 0}).stdout_is("").stderr_is("failed to set upgrade state\n").hooks_called({}),
+        .status(1).after(0, {0, 0}).only_stderr("failed to set upgrade state\n"),
     CycleRow("upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "5").stored_before(1, {0, 0})
-        .status(1).after(1, {0, 0}).stdout_is("")
-        .stderr_is("upgrade: active set file names no valid set: 5\n").hooks_called({}),
-    CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 1})
-        .status(0).after(2, {1, 0}).stdout_is("").stderr_is("").hooks_called({}),
-    CycleRow("upgrade validate").cmdline(kCmdlineSet1).stored_before(1, {3, 3})
-        .status(0).after(1, {0, 3}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(1).after(1, {0, 0}).only_stderr("upgrade: active set file names no valid set: 5\n"),
+    CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 1}).status(0).after(2, {1, 0}).silent(),
+    CycleRow("upgrade validate").cmdline(kCmdlineSet1).stored_before(1, {3, 3}).status(0).after(1, {0, 3}).silent(),
     CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 2})
-        .status(0).after(2, {1, 2}).stdout_is("Already validated\n").stderr_is("").hooks_called({}),
+        .status(0).after(2, {1, 2}).only_stdout("Already validated\n"),
     CycleRow("upgrade validate").cmdline("ro root=/dev/mmcblk0p7").stored_before(0, {1, 1})
-        .status(0).after(0, {1, 1}).stdout_is("Already validated\n").stderr_is("").hooks_called({}),
+        .status(0).after(0, {1, 1}).only_stdout("Already validated\n"),
     CycleRow("upgrade validate").cmdline(kCmdlineSet5).stored_before(0, {1, 1})
-        .status(1).after(0, {1, 1}).stdout_is("Upgrade state is invalid\n").stderr_is("").hooks_called({}),
+        .status(1).after(0, {1, 1}).only_stdout("Upgrade state is invalid\n"),
     CycleRow("-dryrun upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 3})
-        .status(0).after(2, {1, 3}).stdout_is("").stderr_is("").hooks_called({}),
-    CycleRow("upgrade test").cmdline(kCmdlineSet2).stored_before(2, {3, 3})
-        .status(0).after(2, {3, 1}).stdout_is("").stderr_is("").hooks_called({}),
-    CycleRow("upgrade test").cmdline(kCmdlineSet2).stored_before(2, {0, 1})
-        .status(0).after(2, {0, 1}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(2, {1, 3}).silent(),
+    CycleRow("upgrade test").cmdline(kCmdlineSet2).stored_before(2, {3, 3}).status(0).after(2, {3, 1}).silent(),
+    CycleRow("upgrade test").cmdline(kCmdlineSet2).stored_before(2, {0, 1}).status(0).after(2, {0, 1}).silent(),
     CycleRow("upgrade test").cmdline(kCmdlineSet5).stored_before(0, {3, 3})
-        .status(1).after(0, {3, 3}).stdout_is("Upgrade state is invalid\n").stderr_is("").hooks_called({}),
+        .status(1).after(0, {3, 3}).only_stdout("Upgrade state is invalid\n"),
     CycleRow("upgrade test").cmdline("KORSET=SET1 KORSET=SET2").stored_before(0, {3, 3})  // the first word counts
-        .status(0).after(0, {1, 3}).stdout_is("").stderr_is("").hooks_called({}),
+        .status(0).after(0, {1, 3}).silent(),
     CycleRow("upgrade").cmdline(kCmdlineSet2).stored_before(0, {0, 3})
-        .status(1).after(0, {0, 3}).stdout_is("").stderr_is("upgrade: Missing argument\n").hooks_called({}),
+        .status(1).after(0, {0, 3}).only_stderr("upgrade: Missing argument\n"),
     CycleRow("upgrade bogus").cmdline(kCmdlineSet2).stored_before(0, {0, 3})
-        .status(1).after(0, {0, 3}).stdout_is("").stderr_is("upgrade: unknown command.\n").hooks_called({}),
+        .status(1).after(0, {0, 3}).only_stderr("upgrade: unknown command.\n"),
 };
 
 TEST(Cycle, ActivateAndUpgrade)

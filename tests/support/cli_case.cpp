@@ -29,23 +29,6 @@ Expectation text_is(const char* stream, std::string sandbox::RunResult::*which, 
             }};
 }
 
-size_t count(const std::string& text, const std::string& what)
-{
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
-}
-
-Expectation text_has_times(const char* stream, std::string sandbox::RunResult::*which, const std::string& want,
-                           size_t times)
-{
-    return {std::string(stream) + " holds " + in_quotes(want) + " " + std::to_string(times) + " times",
-            [=](const Outcome& o) {
-                const std::string& got = o.run.*which;
-                return count(got, want) == times ? "" : std::string(stream) + " was " + in_quotes(got);
-            }};
-}
-
 Expectation text_has(const char* stream, std::string sandbox::RunResult::*which, const std::string& want, bool has)
 {
     return {std::string(stream) + (has ? " holds " : " lacks ") + in_quotes(want), [=](const Outcome& o) {
@@ -143,10 +126,6 @@ namespace expectation {
 Expectation stdout_is(const std::string& t) { return text_is("stdout", &sandbox::RunResult::out, t); }
 Expectation stdout_has(const std::string& t) { return text_has("stdout", &sandbox::RunResult::out, t, true); }
 Expectation stdout_lacks(const std::string& t) { return text_has("stdout", &sandbox::RunResult::out, t, false); }
-Expectation stdout_has_times(const std::string& t, size_t n)
-{
-    return text_has_times("stdout", &sandbox::RunResult::out, t, n);
-}
 Expectation stdout_matches(const std::string& regex)
 {
     return {"stdout matches " + in_quotes(regex), [=](const Outcome& o) {
@@ -157,10 +136,6 @@ Expectation stdout_matches(const std::string& regex)
 Expectation stderr_is(const std::string& t) { return text_is("stderr", &sandbox::RunResult::err, t); }
 Expectation stderr_has(const std::string& t) { return text_has("stderr", &sandbox::RunResult::err, t, true); }
 Expectation stderr_lacks(const std::string& t) { return text_has("stderr", &sandbox::RunResult::err, t, false); }
-Expectation stderr_has_times(const std::string& t, size_t n)
-{
-    return text_has_times("stderr", &sandbox::RunResult::err, t, n);
-}
 
 Expectation syslog_is(const std::vector<sandbox::LogLine>& lines)
 {
@@ -178,15 +153,6 @@ Expectation syslog_has(int priority, const std::string& text)
                 for (const sandbox::LogLine& l : o.run.log)
                     if (l.priority == priority && l.text == text) return std::string();
                 return "syslog was\n" + log_text(o.run.log);
-            }};
-}
-
-Expectation syslog_lacks(const std::string& text)
-{
-    return {"syslog lacks " + in_quotes(text), [=](const Outcome& o) {
-                for (const sandbox::LogLine& l : o.run.log)
-                    if (l.text.find(text) != std::string::npos) return "syslog was\n" + log_text(o.run.log);
-                return std::string();
             }};
 }
 

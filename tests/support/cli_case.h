@@ -64,15 +64,12 @@ namespace expectation {
 Expectation stdout_is(const std::string& text);
 Expectation stdout_has(const std::string& text);
 Expectation stdout_lacks(const std::string& text);
-Expectation stdout_has_times(const std::string& text, size_t times);
 Expectation stdout_matches(const std::string& regex);  // the whole of it (ECMAScript syntax)
 Expectation stderr_is(const std::string& text);
 Expectation stderr_has(const std::string& text);
 Expectation stderr_lacks(const std::string& text);
-Expectation stderr_has_times(const std::string& text, size_t times);
 Expectation syslog_is(const std::vector<sandbox::LogLine>& lines);  // every datagram, in order
 Expectation syslog_has(int priority, const std::string& text);      // one datagram exactly so
-Expectation syslog_lacks(const std::string& text);                  // no datagram holding the text
 Expectation stored(const std::string& field, const std::string& value);  // in p3's "KOR data"
 Expectation stored_default_except(const Fields& changed);  // every other field as in the default layout
 // Of the fields of `records` ("partinfo[5]", "pinfometa[5]", ...), exactly `nonzero` are not zero, and so.
@@ -138,15 +135,12 @@ public:
     Self& stdout_is(const std::string& t) { return expect(expectation::stdout_is(t)); }
     Self& stdout_has(const std::string& t) { return expect(expectation::stdout_has(t)); }
     Self& stdout_lacks(const std::string& t) { return expect(expectation::stdout_lacks(t)); }
-    Self& stdout_has_times(const std::string& t, size_t n) { return expect(expectation::stdout_has_times(t, n)); }
     Self& stdout_matches(const std::string& regex) { return expect(expectation::stdout_matches(regex)); }
     Self& stderr_is(const std::string& t) { return expect(expectation::stderr_is(t)); }
     Self& stderr_has(const std::string& t) { return expect(expectation::stderr_has(t)); }
     Self& stderr_lacks(const std::string& t) { return expect(expectation::stderr_lacks(t)); }
-    Self& stderr_has_times(const std::string& t, size_t n) { return expect(expectation::stderr_has_times(t, n)); }
     Self& syslog_is(const std::vector<sandbox::LogLine>& l) { return expect(expectation::syslog_is(l)); }
     Self& syslog_has(int priority, const std::string& t) { return expect(expectation::syslog_has(priority, t)); }
-    Self& syslog_lacks(const std::string& t) { return expect(expectation::syslog_lacks(t)); }
     Self& stored(const std::string& field, const std::string& v) { return expect(expectation::stored(field, v)); }
     Self& stored_default_except(const Fields& f) { return expect(expectation::stored_default_except(f)); }
     Self& stored_nonzero_among(const Words& records, const Fields& nonzero)
