@@ -99,12 +99,13 @@ public:
     {
         return given("no image file", [](cli::Setup& s) { std::remove(image_path(s.dev).c_str()); });
     }
-    // Of the partitions the kernel could go to (5, 11 and 15), exactly `holding` hold it afterwards.
-    Row& kernel_only_in(const std::vector<int>& holding) { return expect(kernel_in(holding)); }
     Row& empty_image()
     {
         return given("empty image file", [](cli::Setup& s) { s.dev.write_file(image_path(s.dev), ""); });
     }
+
+    // Of the partitions the kernel could go to (5, 11 and 15), exactly `holding` hold it afterwards.
+    Row& kernel_only_in(const std::vector<int>& holding) { return expect(kernel_in(holding)); }
 };
 
 const std::string kPlan = "0: name=kernel action=1 velk_cidx=2 partinfo_idx=11 wts=1\n"
@@ -119,7 +120,7 @@ cli::Words plus(cli::Words calls, const cli::Words& more)
 }
 
 const Row kRows[] = {  // set arguments, option parsing, KORM and plan details: see their own tests
-    Row("SET1").args("1 -v -product=dev1 -minver=1.0.1").hook_log().status(0)
+    Row("SET1").args("1 -v -product=dev1 -minver=1.0.1").with_test_plugin().status(0)
         .stderr_has("install: release 1.0-1, 'products=dev1\n").stderr_has(kPlan)
         .stored("actset", "1").stored("set[1].refs", "11,13").stored("pinfometa[11].body_crc", kKernelCrc)
         .kernel_only_in({11}).hooks_called(plus(kHooksToWriteOut, {"post_activate 1"})),

@@ -6,7 +6,7 @@
 //
 // What a case does not name is not checked. Every case must name its exit status. A file with a set-up or an
 // expectation of its own either passes it to `given` or `expect`, or derives its own builder from cli::Builder
-// (see the hostile test) so that its rows stay one chain of named calls.
+// (see the install test) so that its rows stay one chain of named calls.
 #pragma once
 
 #include <functional>
@@ -72,7 +72,8 @@ Expectation syslog_is(const std::vector<sandbox::LogLine>& lines);  // every dat
 Expectation syslog_has(int priority, const std::string& text);      // one datagram exactly so
 Expectation stored(const std::string& field, const std::string& value);  // in p3's "KOR data"
 Expectation stored_default_except(const Fields& changed);  // every other field as in the default layout
-// Of the fields of `records` ("partinfo[5]", "pinfometa[5]", ...), exactly `nonzero` are not zero, and so.
+// Of the fields of `records` ("partinfo[5]", "pinfometa[5]", ...), exactly those in `nonzero` are not zero, and
+// they hold the values given.
 Expectation stored_nonzero_among(const Words& records, const Fields& nonzero);
 Expectation hostconfig_unchanged();                        // both copies byte for byte
 Expectation device_unchanged();                            // everything in the snapshot
@@ -97,6 +98,7 @@ struct CaseData {
 };
 
 Step hook_plugin_step(std::optional<std::pair<Hook, int>> returns);
+Step lock_held_step();
 
 template <typename Self>
 class Builder : public CaseData {
@@ -121,9 +123,9 @@ public:
     {
         return given("kernel command line", [=](Setup& s) { s.dev.set_cmdline(text); });
     }
-    Self& lock_held();  // by another process for the whole run
-    // The test plugin loaded, logging every hook call; one hook returning `result`.
-    Self& hook_log() { steps.push_back(hook_plugin_step(std::nullopt)); return self(); }
+    Self& lock_held() { steps.push_back(lock_held_step()); return self(); }  // by another process, for the run
+    // The test plugin loaded, logging every hook call (see hooks_called); each hook returns 0 but the one named.
+    Self& with_test_plugin() { steps.push_back(hook_plugin_step(std::nullopt)); return self(); }
     Self& hook_returns(Hook hook, int result)
     {
         steps.push_back(hook_plugin_step(std::pair(hook, result)));
@@ -171,15 +173,6 @@ private:
         return self();
     }
 };
-
-Step lock_held_step();
-
-template <typename Self>
-Self& Builder<Self>::lock_held()
-{
-    steps.push_back(lock_held_step());
-    return self();
-}
 
 class Case : public Builder<Case> {
 public:
