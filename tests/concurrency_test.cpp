@@ -55,10 +55,12 @@ TEST(Concurrency, LockTakenAsTheHolderLeavesStillExcludes)
     KOR_SANDBOX_OR_SKIP();
     Device d;
     d.with_default_layout(64 << 10);
-    auto wait_for = [&d](const std::string& path, int pid) {  // while `pid` lives
-        std::string stat = "/proc/" + std::to_string(pid) + "/stat", p, name, state;
-        for (int i = 0; i < 1000 && !d.exists(path) && std::ifstream(stat) >> p >> name >> state && state != "Z"; ++i)
-            usleep(10000);
+    const auto running = [](int pid) {  // neither gone nor a zombie
+        std::string p, name, state;
+        return std::ifstream("/proc/" + std::to_string(pid) + "/stat") >> p >> name >> state && state != "Z";
+    };
+    auto wait_for = [&d, &running](const std::string& path, int pid) {  // while `pid` lives
+        for (int i = 0; i < 1000 && !d.exists(path) && running(pid); ++i) usleep(10000);
         return d.exists(path);
     };
     const std::string held = d.workdir() + "/a.held", inside = d.workdir() + "/b.inside";
@@ -71,10 +73,13 @@ TEST(Concurrency, LockTakenAsTheHolderLeavesStillExcludes)
                                       .set("KOR_UNLINK_MARK", held));
     ASSERT_TRUE(wait_for(held, a));
     int b = d.spawn_kor({"activate", "0", "-f", "-plugin=" + d.stage(KOR_PLUGIN_slow_plugin)},
-                        RunOptions().set("KOR_TEST_SLOW_MARK", inside).set("KOR_TEST_SLOW_MS", "3000"));
+                        RunOptions().set("KOR_TEST_SLOW_MARK", inside).set("KOR_TEST_SLOW_MS", "10000"));
     EXPECT_EQ(d.wait(a).status, 0);
     bool b_inside = wait_for(inside, b);
-    RunResult c = b_inside ? d.kor({"info"}) : RunResult{}, rb = d.wait(b);
+    const RunResult c = b_inside ? d.kor({"info"}) : RunResult{};
+    // B holds the lock for 10 s: long enough for C to start and end even under emulation on a busy machine.
+    EXPECT_TRUE(!b_inside || running(b)) << "C ended after B: nothing is shown about C's lock";
+    const RunResult rb = d.wait(b);
     EXPECT_EQ(rb.status, b_inside ? 0 : 1) << rb.err;
     EXPECT_EQ(b_inside ? c.err : rb.err, kRefused) << "a second run held the lock while B ran";
 }
