@@ -150,8 +150,9 @@ using step_fn = int (*)(install_run*);
 
 // Everything before the critical region; each step may end the install.
 constexpr step_fn preparation[] = {
-    parse_arguments, load_metadata, generate_pools,  choose_set,  load_keys,     bring_image,
-    check_release,   pre_metainstall, record_plan,   check_kept,  claim_autoset, pre_install,
+    parse_arguments, load_metadata,   generate_pools, choose_set,    load_keys,
+    bring_image,     check_release,   pre_metainstall, record_plan,  check_kept,
+    check_targets,   claim_autoset,   pre_install,
 };
 
 }  // namespace

@@ -50,6 +50,7 @@ constexpr int KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE = 10;
 constexpr int KOR_EXIT_FATAL_ERR_SINGLETON_WRITE = 11;
 constexpr int KOR_EXIT_SIGNATURE_REFUSED = 15;  // the image is not what a trusted key signed
 constexpr int KOR_EXIT_SIGNATURE_UNUSABLE = 18;  // keys or the crypto library cannot be used
+constexpr int KOR_EXIT_TARGET_REFUSED = 17;  // a partition to write is missing, not a block device, read-only or too small
 
 [[nodiscard]] int action_install(kor_options* opts);
 

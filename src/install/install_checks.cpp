@@ -1,6 +1,15 @@
 // The install's checks before anything is written: the release header
-// against -product and -minver, the recording of the plan, and the CRC32
-// check of every partition that the plan keeps.
+// against -product and -minver, the recording of the plan, the CRC32
+// check of every partition that the plan keeps, and the partitions the plan
+// writes.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "base/console.h"
 #include "base/fileutil.h"
 #include "base/options.h"
@@ -223,6 +232,62 @@ int check_element(install_run* run, korm_element* e)
     return GO_ON;
 }
 
+// Bytes the write type lays out from the partition's first byte; 0 for a
+// write type the writer refuses anyway.
+uint64_t bytes_to_write(const velk_content_header* cp, uint8_t wts)
+{
+    const uint64_t body = cp->body_length;
+    switch (wts) {
+    case 1: return body;
+    case 2: return cp->hdr_length + body;
+    case 3: return ((body + 3) & ~uint64_t{3}) + cp->hdr_length;
+    default: return 0;
+    }
+}
+
+// A partition the plan writes must be there as a block device that holds
+// what is written: a node opened for writing where none is would become a
+// file in /dev, whose content lives in memory and is gone at the next boot,
+// and a short partition would fail the write half-way inside the critical
+// region.
+int check_target(const install_run* run, const korm_element* e)
+{
+    if (e->partinfo_idx < 0 || e->partinfo_idx >= KORL_PARTINFOS) return GO_ON;
+    const velk_content_header* cp = content_of(run, e);
+    if (!cp) return GO_ON;  // the recording refused such a plan already
+    char device[32];
+    zb_snprintf(device, sizeof device, "/dev/mmcblk0p%i", run->data.partinfo[e->partinfo_idx].pn);
+    unique_fd fd(::open(device, O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        if (errno == ENOENT)
+            log_console(LOG_ERR, "install: partition %s does not exist\n", device);
+        else
+            log_console(LOG_ERR, "install: could not open %s: %s\n", device, std::strerror(errno));
+        return KOR_EXIT_TARGET_REFUSED;
+    }
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !S_ISBLK(st.st_mode)) {
+        log_console(LOG_ERR, "install: %s is not a block device\n", device);
+        return KOR_EXIT_TARGET_REFUSED;
+    }
+    int read_only = 0;
+    if (::ioctl(fd.get(), BLKROGET, &read_only) == 0 && read_only) {
+        log_console(LOG_ERR, "install: %s is read-only\n", device);
+        return KOR_EXIT_TARGET_REFUSED;
+    }
+    uint64_t size = 0;
+    if (::ioctl(fd.get(), BLKGETSIZE64, &size) != 0) {
+        log_console(LOG_ERR, "install: could not read the size of %s: %s\n", device,
+                    std::strerror(errno));
+        return KOR_EXIT_TARGET_REFUSED;
+    }
+    uint64_t need = bytes_to_write(cp, e->wts);
+    if (size >= need) return GO_ON;
+    log_console(LOG_ERR, "install: %s holds %llu bytes, %llu are to be written\n", device,
+                static_cast<unsigned long long>(size), static_cast<unsigned long long>(need));
+    return KOR_EXIT_TARGET_REFUSED;
+}
+
 }  // namespace
 
 int check_release(install_run* run)
@@ -268,6 +333,17 @@ int check_kept(install_run* run)
         }
         if (e.action == 1) continue;
         int r = check_element(run, &e);
+        if (r != GO_ON) return r;
+    }
+    return GO_ON;
+}
+
+int check_targets(install_run* run)
+{
+    if (run->opts->onlymeta) return GO_ON;
+    for (const korm_element& e : run->ctx.korm) {
+        if (e.action != 1) continue;
+        int r = check_target(run, &e);
         if (r != GO_ON) return r;
     }
     return GO_ON;

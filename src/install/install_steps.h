@@ -25,6 +25,8 @@ constexpr int INSTALL_GO_ON = -1;
 [[nodiscard]] int check_release(install_run* run);
 [[nodiscard]] int record_plan(install_run* run);
 [[nodiscard]] int check_kept(install_run* run);
+// Every partition the plan writes is a block device large enough for it.
+[[nodiscard]] int check_targets(install_run* run);
 // The autoset claim, and the critical region: write, record, activate.
 [[nodiscard]] int claim_autoset(install_run* run);
 [[nodiscard]] int commit_install(install_run* run);

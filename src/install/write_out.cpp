@@ -152,8 +152,8 @@ bool flush_and_close(unique_fd& fd, const char* device)
 
 bool write_device(const char* device, const velk_content_header* cp, uint8_t wts)
 {
-    // Opened as for a stream in mode "w".
-    unique_fd fd(::open(device, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    // Never created: a missing partition must not become a file in /dev.
+    unique_fd fd(::open(device, O_WRONLY | O_CLOEXEC));
     if (!fd.valid()) {
         log_console(LOG_ERR, "Could not open %s for write\n", device);
         return false;
