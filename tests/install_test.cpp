@@ -81,6 +81,46 @@ public:
         return given("p" + std::to_string(pn) + " too small",
                      [pn](cli::Setup& s) { s.dev.add_partition(pn, pn == 3 ? 2048 : 512); });
     }
+    // Every write to p`pn` fails with EIO, as on a worn-out medium: the partition is fit, the write is not.
+    Row& writes_fail_on(int pn)
+    {
+        return given("writes to p" + std::to_string(pn) + " fail", [pn](cli::Setup& s) {
+            const char* asan = std::getenv("ASAN_OPTIONS");  // the preload comes before ASan's runtime
+            s.options.set("LD_PRELOAD", s.dev.stage(KOR_PRELOAD_kill_after_writes))
+                .set("KOR_FAIL_WRITES_TO", Device::part(pn))
+                .set("ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0");
+        });
+    }
+    Row& partition_missing(int pn)
+    {
+        return given("no node p" + std::to_string(pn),
+                     [pn](cli::Setup& s) { ASSERT_EQ(s.dev.run({"rm", Device::part(pn)}).status, 0); });
+    }
+    Row& partition_is_a_file(int pn)
+    {
+        return given("p" + std::to_string(pn) + " a regular file", [pn](cli::Setup& s) {
+            ASSERT_EQ(s.dev.run({"rm", Device::part(pn)}).status, 0);
+            s.dev.write_file(Device::part(pn), std::string(4096, '\0'));
+        });
+    }
+    Row& partition_read_only(int pn)
+    {
+        return given("p" + std::to_string(pn) + " read-only", [pn](cli::Setup& s) {
+            ASSERT_EQ(s.dev.run({"blockdev", "--setro", Device::part(pn)}).status, 0);
+            s.after_run.push_back([&s, pn] { (void)s.dev.run({"blockdev", "--setrw", Device::part(pn)}); });
+        });
+    }
+    Row& partition_of(int pn, uint64_t size)
+    {
+        return given("p" + std::to_string(pn) + " of " + std::to_string(size) + " bytes",
+                     [pn, size](cli::Setup& s) { s.dev.add_partition(pn, size); });
+    }
+    Row& kernel_of(size_t length)
+    {
+        return given("a kernel of " + std::to_string(length) + " bytes", [length](cli::Setup& s) {
+            write_release(s.dev, image_path(s.dev), kKorm, 1, counting(length));
+        });
+    }
     Row& kernel_partition_damaged()
     {
         return given("p11 damaged", [](cli::Setup& s) { s.dev.write(Device::part(11), 0, bytes(16, 0xEE)); });
@@ -164,11 +204,26 @@ const Row kRows[] = {  // set arguments, option parsing, KORM and plan details: 
         .stderr_has("Use free partition 15 instead\n").stored("set[2].refs", "15,13").kernel_only_in({15}),
     Row("-rewrite").installed_first(1).kernel_partition_damaged()
         .args("1 -rewrite").status(0).stderr_has("Mark partition 13 for rewrite\n"),
-    Row("write fails, singleton").partition_too_small(5).korm(kSafe).args("1 -f").status(11)
+    Row("write fails, singleton").writes_fail_on(5).korm(kSafe).args("1 -f").status(11)
         .stderr_has("KOR_EXIT_FATAL_ERR_SINGLETON_WRITE").stored("pinfometa[5].body_crc", "0").stored("actset", "0"),
-    Row("write fails, automatic").partition_too_small(11).args("-1").status(1)
+    Row("write fails, automatic").writes_fail_on(11).args("-1").status(1)
         .stderr_has("FAILED TO INSTALL kernel INTO 11\n").stored("pinfometa[11].body_crc", "0")
         .file_absent(kAutosetFile).stored("actset", "0"),
+    // A partition the plan writes must be a writable block device that holds the part: checked before the first
+    // write, so nothing is written and the hostconfig stays as it was.
+    Row("target missing").partition_missing(11).args("1").status(17)
+        .stderr_has("install: partition /dev/mmcblk0p11 does not exist\n").hostconfig_unchanged()
+        .partition_lacks(13, bytes(3001, 2)),
+    Row("target a regular file").partition_is_a_file(11).args("1").status(17)
+        .stderr_has("install: /dev/mmcblk0p11 is not a block device\n").hostconfig_unchanged()
+        .partition_lacks(13, bytes(3001, 2)),
+    Row("target read-only").partition_read_only(13).args("1").status(17)
+        .stderr_has("install: /dev/mmcblk0p13 is read-only\n").hostconfig_unchanged().kernel_only_in({}),
+    Row("target one byte too small").kernel_of(1025).partition_of(11, 1024).args("1").status(17)
+        .stderr_has("install: /dev/mmcblk0p11 holds 1024 bytes, 1025 are to be written\n").hostconfig_unchanged()
+        .partition_lacks(13, bytes(3001, 2)),
+    Row("target exactly as large").kernel_of(1024).partition_of(11, 1024).args("1").status(0)
+        .partition_holds(11, counting(1024)),
     Row("hostconfig write fails").partition_too_small(3).args("1").status(10)
         .stderr_has("KOR_EXIT_FATAL_ERR_HOSTCONFIG_WRITE\n"),
     Row("pre_metainstall hook fails").args("1").hook_returns(Hook::pre_metainstall, 3).status(3)

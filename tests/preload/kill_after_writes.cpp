@@ -2,12 +2,14 @@
 //   KOR_KILL_AFTER_WRITES=k  SIGKILL right after the k-th device write
 //   KOR_TORN_BYTES=b         ... which hands over only its first b bytes (-1: all)
 //   KOR_WRITE_LOG=path       append "path length" for every device write
+//   KOR_FAIL_WRITES_TO=path  every write to that device fails with EIO, as a worn-out or pulled medium's would
 //   KOR_UNLINK_DELAY_MS=ms   sleep before removing a file named kor.lock, after creating KOR_UNLINK_MARK
 // glibc's stdio reaches the kernel through its internal write, which no preload can replace, so a device stream opened
 // with fopen is made unbuffered and each fwrite on it is one write: what the process has handed to the kernel when it
 // dies is exactly what fwrite returned. Built with the C library's own off_t: pwrite and pwrite64 keep their names.
 #undef _FILE_OFFSET_BITS
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -44,6 +46,18 @@ size_t admit(int fd, size_t length, bool* die)
     return *die && torn >= 0 && size_t(torn) < length ? size_t(torn) : length;
 }
 
+// Whether writes on `fd` are to fail: it is the device KOR_FAIL_WRITES_TO names.
+bool failing(int fd)
+{
+    static const char* target = std::getenv("KOR_FAIL_WRITES_TO");
+    if (!target || !*target) return false;
+    char link[64], path[256];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(link, path, sizeof path - 1);
+    path[n > 0 ? n : 0] = '\0';
+    return std::strcmp(path, target) == 0;
+}
+
 // The kernel keeps what was handed to it, as when a process is killed.
 [[noreturn]] void die_now() { raise(SIGKILL), _exit(137); }
 
@@ -53,6 +67,7 @@ template <typename F> F* real(F*, const char* name) { return reinterpret_cast<F*
 template <typename F, typename... Offset>
 ssize_t cut(F* next, int fd, const void* buf, size_t n, Offset... offset)
 {
+    if (failing(fd)) return errno = EIO, -1;
     bool die = false;
     size_t pass = admit(fd, n, &die);
     ssize_t r = pass > 0 || !die ? next(fd, buf, pass, offset...) : 0;
@@ -92,6 +107,7 @@ FILE* fopen64(const char* path, const char* mode) { return fopen(path, mode); }
 
 size_t fwrite(const void* buf, size_t size, size_t count, FILE* f)
 {
+    if (fileno(f) >= 0 && failing(fileno(f))) return errno = EIO, 0;
     bool die = false;
     size_t pass = fileno(f) < 0 || size == 0 ? 0 : admit(fileno(f), size * count, &die);
     if (!die) return real(&fwrite, "fwrite")(buf, size, count, f);
