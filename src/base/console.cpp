@@ -8,6 +8,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "base/progress.h"
+
 namespace {
 
 constexpr uint32_t kMessageSize = 320;
@@ -26,6 +28,7 @@ void log_message(int priority, bool always, const char* format, va_list ap)
     kor_log_pending_signals();
     char text[kMessageSize];
     zb_vsnprintf(text, sizeof text, format, ap);
+    progress_clear();
     std::fputs(text, stderr);
     if (always || !isatty(1)) syslog(priority, "%s", text);
 }
@@ -88,6 +91,7 @@ int critical_depth() { return g_critical_depth; }
 
 int32_t zb_console_puts(const char* text)
 {
+    progress_clear();
     size_t len = std::strlen(text);
     size_t done = 0;
     while (done < len) {
@@ -141,6 +145,7 @@ int32_t zb_snprintf(char* buf, uint32_t size, const char* format, ...)
 
 int32_t zb_vprintf(const char* format, va_list ap)
 {
+    progress_clear();
     int n = std::vfprintf(stdout, format, ap);
     std::fflush(stdout);
     return n;
@@ -157,6 +162,7 @@ int32_t zb_printf(const char* format, ...)
 
 int32_t zb_puts(const char* text)
 {
+    progress_clear();
     int n = std::fputs(text, stdout);
     std::fflush(stdout);
     return n;

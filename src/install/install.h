@@ -43,6 +43,7 @@ struct install_ctx {
     int32_t header_overflow;  // a response header did not fit header_text
     const velk_keyring* keys;  // the trusted keys; null: signatures are not checked
     velk_sig_check sig;        // the image against its signed manifest
+    int32_t skips;             // bodies left out so far
 };
 
 // Install exit statuses with a name of their own.
@@ -87,6 +88,9 @@ int install_signature_status(const install_ctx* ctx);
 
 // Receiver and writer.
 size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx);
+// Draws the progress line from what the receiver holds (nothing when
+// standard error is no terminal).
+void install_progress(const install_ctx* ctx);
 struct install_write_result {
     int ok;          // 1 every planned element written and verified
     int pool_count;  // members of the pool of the element written last

@@ -5,6 +5,7 @@
 
 #include "base/console.h"
 #include "base/options.h"
+#include "base/progress.h"
 #include "install/install.h"
 
 namespace {
@@ -89,10 +90,12 @@ size_t skip_body(install_ctx* c, size_t n)
 {
     log_console(LOG_INFO, "  %i should not be downloaded, SKIP\n", c->next_element);
     c->state = INSTALL_STATE_SKIP;
+    c->skips++;
     uint32_t offset = velk_stream_parser_skip(c->parser);
     c->next_element++;
     zb_snprintf(c->range, sizeof c->range, "%u-", offset);
     c->buffer_fill = offset;
+    install_progress(c);
     return n + 1;
 }
 
@@ -206,5 +209,24 @@ size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx)
     if (!install_check_signature(c)) return fail(c, n);
     if (skip_wanted(c)) return skip_body(c, n);
     if (!examine_new_parts(c)) return fail(c, n);
+    install_progress(c);
     return finish(c, n);
+}
+
+void install_progress(const install_ctx* c)
+{
+    progress_state s{};
+    s.bytes = c->received;
+    s.position = c->curl ? c->buffer_fill : c->received;
+    if (c->velk_header)
+        s.total = uint64_t{VELK_ID_SIZE} + c->velk_header->hdr_length + c->velk_header->body_length;
+    else if (!c->curl)
+        s.total = c->buffer_size;
+    const velk_content_header* cp = c->parser ? c->parser->current : nullptr;
+    if (cp) {
+        s.part = cp->name;
+        s.part_size = sizeof cp->name;
+    }
+    s.skips = c->skips;
+    progress_update(s);
 }

@@ -8,6 +8,7 @@
 #include "base/console.h"
 #include "base/fileutil.h"
 #include "base/options.h"
+#include "base/progress.h"
 #include "install/install.h"
 
 namespace {
@@ -117,7 +118,9 @@ int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source)
     int url = source_is_url(source, scheme);
     // A file is planned from its first part on; a URL only once "korm" is in.
     ctx->next_element = url ? -1 : 0;
+    progress_start();
     int r = url ? transfer_url(ctx, hc, source, scheme) : transfer_file(ctx, source);
+    progress_end();
     if (r != 0) return r;
     if (velk_stream_parser_get_status(ctx->parser) != 3) {
         log_console(LOG_ERR, "install: incomplete VELK\n");

@@ -118,14 +118,21 @@ void reveal_covered_trees(const Strings& covered)
 
 bool available(std::string* why) { return why ? (*why = enter()).empty() : enter().empty(); }
 
-// Starts argv with stdin empty and stdout on a pipe or a pty.
+// A pseudo terminal (master, slave) or a pipe (read, write) in `ends`.
+static void channel(bool tty, int ends[2])
+{
+    if (!tty) return check(pipe2(ends, O_CLOEXEC) == 0, "pipe");
+    check((ends[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0 && grantpt(ends[0]) == 0 &&
+          unlockpt(ends[0]) == 0, "pty");
+    check((ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0, "pty slave");
+}
+
+// Starts argv with stdin empty and stdout and stderr each on a pipe or a pty.
 int Device::spawn(Strings argv, const Strings& args, const RunOptions& o)
 {
     argv.insert(argv.end(), args.begin(), args.end());
-    int out[2] = {o.stdout_tty ? posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC) : -1, -1}, err[2];
-    if (o.stdout_tty) check(out[0] >= 0 && grantpt(out[0]) == 0 && unlockpt(out[0]) == 0, "pty");
-    if (o.stdout_tty) check((out[1] = open(ptsname(out[0]), O_RDWR | O_NOCTTY | O_CLOEXEC)) >= 0, "pty slave");
-    check((o.stdout_tty || pipe2(out, O_CLOEXEC) == 0) && pipe2(err, O_CLOEXEC) == 0, "pipe");
+    int out[2], err[2];
+    channel(o.stdout_tty, out), channel(o.stderr_tty, err);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(open("/dev/null", O_RDONLY), 0), dup2(out[1], 1), dup2(err[1], 2);

@@ -21,8 +21,10 @@ struct LogLine { int priority; std::string text; };  // LOG_ERR, LOG_INFO, ... (
 
 struct RunOptions {
     bool stdout_tty = false;                 // stdout on a pseudo terminal
+    bool stderr_tty = false;                 // stderr on a pseudo terminal of its own
     std::map<std::string, std::string> env;  // extra environment (KOR_PRODUCT, ...)
     RunOptions& tty(bool on = true) { stdout_tty = on; return *this; }
+    RunOptions& err_tty(bool on = true) { stderr_tty = on; return *this; }
     RunOptions& set(const std::string& k, const std::string& v) { env[k] = v; return *this; }
 };
 
