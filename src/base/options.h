@@ -25,6 +25,8 @@ struct kor_options {
     int32_t minver_set;
     int32_t iptos_set;
     int32_t iptos;
+    int32_t retries;   // resumed downloads after a failure; 0 none
+    uint32_t timeout;  // seconds for the whole download, retries included; 0 none
     const char* action;
     char cfg[KOR_PATH_SIZE];
     char cfgbak[KOR_PATH_SIZE];
@@ -54,3 +56,8 @@ constexpr uint32_t KOR_DEFAULT_VELKSIZE = 0x4000000;
 extern const char kor_key_dir[];           // every *.pub in it is a trusted key
 extern const char kor_min_release_file[];  // "M.N.B": older releases are refused
 extern const bool kor_require_signature;   // no keys at all refuses every install
+
+// Upper bounds of -retries= and -timeout= (a week: milliseconds of it still
+// fit the 32-bit long libcurl takes on the device).
+constexpr uint32_t KOR_MAX_RETRIES = 1000;
+constexpr uint32_t KOR_MAX_TIMEOUT = 7 * 24 * 3600;

@@ -55,6 +55,8 @@ const char kor_usage_text[] =
     "  -keys=PATH    trust the public keys in PATH (a directory of *.pub\n"
     "                 files, or one file) instead of the device's own\n"
     "  -downgrade    install a release older than the device's minimum\n"
+    "  -retries=N    after a failed download, resume it up to N times\n"
+    "  -timeout=SECONDS  give up a download that takes longer, retries included\n"
     "HOSTCFG:\n"
     "  For this system default hostconfig (HOSTCFG) is located at:\n"
     "    /dev/mmcblk0p3 (backup located at /dev/mmcblk0p4)\n"
@@ -88,6 +90,7 @@ enum class opt_kind {
     minver,
     iptos,
     plugin,
+    count,        // "NAME=N", decimal, bounded
 };
 
 struct opt_row {
@@ -121,6 +124,8 @@ const opt_row kOptionRows[] = {
     {"-loc", opt_kind::path, "-lockfile=", "-lock syntax failure.\n"},
     {"-aut", opt_kind::path, "-autosetfile=", "-autosetfile syntax failure.\n"},
     {"-act", opt_kind::path, "-activesetfile=", "-activesetfile syntax failure.\n"},
+    {"-retries=", opt_kind::count, "-retries=", "-retries syntax failure.\n"},
+    {"-timeout=", opt_kind::count, "-timeout=", "-timeout syntax failure.\n"},
 };
 
 bool starts_with(const char* s, const char* prefix)
@@ -163,6 +168,32 @@ char* path_field(kor_options* o, const char* pattern)
     if (std::strcmp(pattern, "-autosetfile=") == 0) return o->autosetfile;
     if (std::strcmp(pattern, "-keys=") == 0) return o->keys;
     return o->activesetfile;
+}
+
+// "NAME=N": decimal digits only, at most `limit`. A sign, a hexadecimal
+// form or trailing text is refused rather than read as something else.
+bool scan_count(const char* arg, const char* pattern, uint32_t limit, uint32_t* value)
+{
+    const char* v = arg + std::strlen(pattern);
+    if (*v == '\0') return false;
+    uint32_t n = 0;
+    for (; *v >= '0' && *v <= '9'; v++) {
+        n = n * 10 + static_cast<uint32_t>(*v - '0');
+        if (n > limit) return false;
+    }
+    if (*v != '\0') return false;
+    *value = n;
+    return true;
+}
+
+bool parse_count(kor_options* o, const char* arg, const char* pattern)
+{
+    if (std::strcmp(pattern, "-timeout=") == 0)
+        return scan_count(arg, pattern, KOR_MAX_TIMEOUT, &o->timeout);
+    uint32_t n = 0;
+    if (!scan_count(arg, pattern, KOR_MAX_RETRIES, &n)) return false;
+    o->retries = static_cast<int32_t>(n);
+    return true;
 }
 
 // "NAME=%s" into a field of `size` bytes: the value runs to the first white
@@ -251,6 +282,8 @@ int parse_argument(kor_options* o, char* arg)
             if (std::sscanf(arg, "-iptos=%i", &o->iptos) != 1) return fail(row.failure);
             o->iptos_set = 1;
             return 0;
+        case opt_kind::count:
+            return parse_count(o, arg, row.pattern) ? 0 : fail(row.failure);
         case opt_kind::plugin: {
             int r = scan_text(arg, "-plugin=", o->plugin, sizeof o->plugin);
             if (r == 0) continue;

@@ -43,6 +43,9 @@ struct install_ctx {
     int32_t header_overflow;  // a response header did not fit header_text
     const velk_keyring* keys;  // the trusted keys; null: signatures are not checked
     velk_sig_check sig;        // the image against its signed manifest
+    uint32_t resume_at;        // image offset the current request starts at
+    int32_t answered;          // the current request's answer has been checked
+    int32_t http;              // the source is http:// or https://: answers carry a status
     int32_t skips;             // bodies left out so far
 };
 
@@ -88,6 +91,9 @@ int install_signature_status(const install_ctx* ctx);
 
 // Receiver and writer.
 size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx);
+// Forgets everything received: the image starts again at byte 0, without
+// ranges. 0, or 1 with a message when the parser cannot be made again.
+[[nodiscard]] int install_receive_restart(install_ctx* ctx);
 // Draws the progress line from what the receiver holds (nothing when
 // standard error is no terminal).
 void install_progress(const install_ctx* ctx);

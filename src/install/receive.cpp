@@ -213,6 +213,34 @@ size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx)
     return finish(c, n);
 }
 
+int install_receive_restart(install_ctx* c)
+{
+    KOR_ASSERT(MODULE, c && c->buffer);
+    // buffer_fill only grows (skips move it forward), so every byte stored
+    // so far lies below it.
+    std::memset(c->buffer, 0, c->buffer_fill);
+    velk_stream_parser_deinit(c->parser);
+    c->parser = velk_stream_parser_init(nullptr, c->buffer);
+    if (!c->parser) {
+        log_console(LOG_ERR, "install: could not allocate the VELK parser\n");
+        return 1;
+    }
+    c->state = INSTALL_STATE_HEADER;
+    c->header_handed = 0;
+    c->received = 0;
+    c->parts_seen = 0;
+    c->buffer_fill = 0;
+    std::memset(c->korm, 0, sizeof c->korm);
+    c->korm_count = 0;
+    c->release_header = nullptr;
+    c->velk_header = nullptr;
+    c->range_mode = 0;
+    c->next_element = -1;
+    c->resume_at = 0;
+    c->skips = 0;
+    return 0;
+}
+
 void install_progress(const install_ctx* c)
 {
     progress_state s{};

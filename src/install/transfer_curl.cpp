@@ -1,5 +1,6 @@
 // URL transport of the install: one libcurl easy handle, run again from a
-// byte range each time the receiver leaves a content part out.
+// byte range each time the receiver leaves a content part out, and, with
+// -retries=, after a failure of the link.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <netinet/ip.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <time.h>
 
 #include "base/console.h"
 #include "base/options.h"
@@ -21,13 +23,16 @@ namespace {
 
 // A server that stalls is dropped once it has averaged below 100 B/s for
 // 300 s (curl error 28). libcurl's sockets are non-blocking, so the 120 s
-// socket time-outs do not end a stalled transfer earlier, and there is no
-// overall time limit: a server trickling 100 B/s or more is waited for.
+// socket time-outs do not end a stalled transfer earlier; only -timeout=
+// bounds the whole download.
 constexpr long CONNECT_TIMEOUT_S = 300;
 constexpr long LOW_SPEED_LIMIT_BPS = 100;
 constexpr long LOW_SPEED_TIME_S = 300;
 constexpr time_t SOCKET_TIMEOUT_S = 120;
 constexpr int PARSER_COMPLETE = 3;
+// Waits between retries: 1, 2, 4 ... seconds, at most a minute.
+constexpr uint32_t FIRST_BACKOFF_S = 1;
+constexpr uint32_t MAX_BACKOFF_S = 60;
 
 // libcurl and the libraries it pulls in (TLS, compression, name services)
 // take longer to load than most of kor's commands take to run, and only an
@@ -40,6 +45,7 @@ struct curl_api {
     decltype(&curl_easy_perform) easy_perform;
     decltype(&curl_easy_reset) easy_reset;
     decltype(&curl_easy_cleanup) easy_cleanup;
+    decltype(&curl_easy_getinfo) easy_getinfo;
 };
 curl_api api;
 
@@ -62,7 +68,8 @@ bool bind(void* lib, F& fn, const char* name)
         bind(lib, a.easy_setopt, "curl_easy_setopt") &&
         bind(lib, a.easy_perform, "curl_easy_perform") &&
         bind(lib, a.easy_reset, "curl_easy_reset") &&
-        bind(lib, a.easy_cleanup, "curl_easy_cleanup")) {
+        bind(lib, a.easy_cleanup, "curl_easy_cleanup") &&
+        bind(lib, a.easy_getinfo, "curl_easy_getinfo")) {
         api = a;
         return true;
     }
@@ -74,10 +81,7 @@ bool bind(void* lib, F& fn, const char* name)
 // libcurl's callback types differ from the receiver's and the socket
 // callback's declared types (char* vs void*, curlsocktype vs int); these
 // forwarders keep every call through a pointer of the exact type.
-size_t receive_fwd(char* data, size_t size, size_t nmemb, void* ctx)
-{
-    return install_receive(data, size, nmemb, ctx);
-}
+size_t receive_fwd(char* data, size_t size, size_t nmemb, void* ctx);
 
 int sockopt_fwd(void* ctx, curl_socket_t socket, curlsocktype purpose)
 {
@@ -172,27 +176,196 @@ void check_content_range(install_ctx* ctx)
     return 0;
 }
 
-// Runs the transfer, restarting it behind every body the receiver skipped.
-// The handle outlives error_text (it is cleaned up at the install's end), so
-// it lets go of the buffer before returning.
-CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char* scheme,
-                               char* error_text)
+long response_code(const install_ctx* ctx)
+{
+    long code = 0;
+    if (api.easy_getinfo(static_cast<CURL*>(ctx->curl), CURLINFO_RESPONSE_CODE, &code) != CURLE_OK)
+        return 0;
+    return code;
+}
+
+// The first piece of an answer to a request from byte resume_at > 0. A 206
+// must start where it was asked to; a 200 brings the whole image, so what
+// is held goes and the transfer goes on from byte 0 without ranges. false
+// ends the transfer (state failed).
+bool take_resume_answer(install_ctx* ctx)
+{
+    long code = response_code(ctx);
+    if (code == 206) {
+        const char* line = strstr(ctx->header_text, "Content-Range: bytes ");
+        unsigned first = 0;
+        if (line == nullptr || sscanf(line, "Content-Range: bytes %u-", &first) != 1 ||
+            first == ctx->resume_at)
+            return true;
+        log_console(LOG_ERR, "install: server resumed at byte %u instead of %u\n", first,
+                    static_cast<unsigned>(ctx->resume_at));
+    } else if (code == 200) {
+        log_always(LOG_NOTICE,
+                   "install: server sent the whole image instead of the rest from byte %u; "
+                   "starting again from byte 0 without ranges\n",
+                   static_cast<unsigned>(ctx->resume_at));
+        if (install_receive_restart(ctx) == 0) return true;
+    } else {
+        log_console(LOG_ERR, "install: server answered %ld to the request from byte %u\n", code,
+                    static_cast<unsigned>(ctx->resume_at));
+    }
+    ctx->state = INSTALL_STATE_FAILED;
+    return false;
+}
+
+size_t receive_fwd(char* data, size_t size, size_t nmemb, void* ctx)
+{
+    auto* c = static_cast<install_ctx*>(ctx);
+    if (!c->answered) {
+        c->answered = 1;
+        if (c->http && c->resume_at > 0 && !take_resume_answer(c)) return size * nmemb + 1;
+    }
+    return install_receive(data, size, nmemb, ctx);
+}
+
+uint64_t now_ms()
+{
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<uint64_t>(t.tv_sec) * 1000 + static_cast<uint64_t>(t.tv_nsec) / 1000000;
+}
+
+// What -retries= and -timeout= allow one transfer.
+struct transfer_budget {
+    int32_t retries;       // -retries=
+    int32_t retry;         // retries made
+    uint32_t backoff_s;    // wait before the next retry
+    uint32_t timeout_s;    // -timeout=, 0 none
+    uint64_t deadline_ms;  // on the monotonic clock, when timeout_s > 0
+    bool expired;          // the deadline ended the transfer
+};
+
+transfer_budget budget_of(const kor_options* o)
+{
+    transfer_budget b{};
+    b.retries = o->retries;
+    b.backoff_s = FIRST_BACKOFF_S;
+    b.timeout_s = o->timeout;
+    if (o->timeout > 0) b.deadline_ms = now_ms() + uint64_t{o->timeout} * 1000;
+    return b;
+}
+
+// Milliseconds left before the deadline (at least 1, so that libcurl ends
+// the next request at once rather than taking 0 for no limit); 0 none.
+long time_left_ms(const transfer_budget& b)
+{
+    if (b.timeout_s == 0) return 0;
+    uint64_t now = now_ms();
+    return now >= b.deadline_ms ? 1 : static_cast<long>(b.deadline_ms - now);
+}
+
+// A failure of the link or a server that cannot serve now; refusals (4xx,
+// certificates, the receiver's own refusals) stay failures.
+bool transient(const install_ctx* ctx, CURLcode r)
+{
+    switch (r) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+        return true;
+    case CURLE_HTTP_RETURNED_ERROR: {
+        long code = response_code(ctx);
+        return code >= 500 && code <= 599;
+    }
+    default:
+        return false;
+    }
+}
+
+// The first byte not received yet: schemes that take ranges resume there
+// (whatever range_mode says: a resume leaves nothing out); any other scheme
+// starts again from byte 0.
+bool resumable(const char* scheme)
+{
+    return range_scheme(scheme) || strcmp(scheme, "https") == 0;
+}
+
+void sleep_s(uint32_t seconds)
+{
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += static_cast<time_t>(seconds);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+    }
+}
+
+// After a failed request: true when it is to be made again, after the wait
+// and with the receiver set to where the next request starts.
+bool retry_after(install_ctx* ctx, CURLcode r, const char* scheme, const char* error_text,
+                 transfer_budget* b)
+{
+    if (ctx->state == INSTALL_STATE_FAILED || !transient(ctx, r) ||
+        velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE)
+        return false;
+    if (b->timeout_s > 0 && now_ms() >= b->deadline_ms) {
+        b->expired = true;
+        return false;
+    }
+    if (b->retry >= b->retries) return false;
+    if (b->timeout_s > 0 && now_ms() + uint64_t{b->backoff_s} * 1000 >= b->deadline_ms) {
+        b->expired = true;
+        return false;
+    }
+    bool resume = resumable(scheme);
+    uint32_t from = resume ? ctx->buffer_fill : 0;
+    b->retry++;
+    log_always(LOG_NOTICE,
+               "install: curl returned: %i == %s; retry %d of %d in %u s from byte %u\n",
+               static_cast<int>(r), error_text, b->retry, b->retries, b->backoff_s, from);
+    sleep_s(b->backoff_s);
+    b->backoff_s = b->backoff_s * 2 > MAX_BACKOFF_S ? MAX_BACKOFF_S : b->backoff_s * 2;
+    if (!resume && ctx->buffer_fill > 0 && install_receive_restart(ctx) != 0) return false;
+    return true;
+}
+
+// One request from resume_at, the receiver's byte range text set to match.
+CURLcode perform_from(install_ctx* ctx, const char* source, const char* scheme, char* error_text,
+                      const transfer_budget& b)
 {
     CURL* curl = static_cast<CURL*>(ctx->curl);
+    if (ctx->resume_at > 0) zb_snprintf(ctx->range, sizeof ctx->range, "%u-", ctx->resume_at);
+    api.easy_reset(curl);
     curl_setup(ctx, source, scheme, error_text);
-    CURLcode r = api.easy_perform(curl);
-    while (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_SKIP) {
-        // A skip of the last body completes the image: there is nothing
-        // behind it to ask for, and a server would only answer 416.
-        if (velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE) {
-            ctx->state = INSTALL_STATE_PARSING;
-            r = CURLE_OK;
+    if (b.timeout_s > 0) api.easy_setopt(curl, CURLOPT_TIMEOUT_MS, time_left_ms(b));
+    clear_header_text(ctx);
+    ctx->answered = 0;
+    return api.easy_perform(curl);
+}
+
+// Runs the transfer, restarting it behind every body the receiver skipped
+// and, within the budget, after each failure of the link. The handle
+// outlives error_text (it is cleaned up at the install's end), so it lets go
+// of the buffer before returning.
+CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char* scheme,
+                               char* error_text, transfer_budget* b)
+{
+    CURL* curl = static_cast<CURL*>(ctx->curl);
+    CURLcode r;
+    for (;;) {
+        r = perform_from(ctx, source, scheme, error_text, *b);
+        if (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_SKIP) {
+            // A skip of the last body completes the image: there is nothing
+            // behind it to ask for, and a server would only answer 416.
+            if (velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE) {
+                ctx->state = INSTALL_STATE_PARSING;
+                r = CURLE_OK;
+                break;
+            }
+        } else if (r == CURLE_OK || !retry_after(ctx, r, scheme, error_text, b)) {
             break;
         }
-        api.easy_reset(curl);
-        curl_setup(ctx, source, scheme, error_text);
-        clear_header_text(ctx);
-        r = api.easy_perform(curl);
+        ctx->resume_at = ctx->buffer_fill;
     }
     api.easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     return r;
@@ -215,8 +388,10 @@ int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const cha
         ctx->range_mode = 1;
         snprintf(ctx->range, sizeof ctx->range, "%d-", 0);
     }
+    ctx->http = strcmp(scheme, "http") == 0 || strcmp(scheme, "https") == 0;
 
-    CURLcode r = perform_with_restarts(ctx, source, scheme, error_text);
+    transfer_budget budget = budget_of(ctx->options);
+    CURLcode r = perform_with_restarts(ctx, source, scheme, error_text, &budget);
     auto post_dl = kor_hooks_get()->install_post_dl;
     if (r != CURLE_OK) {
         // A refusal by the signature check was logged when it happened: the
@@ -224,6 +399,9 @@ int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const cha
         const int refused = install_signature_status(ctx);
         if (refused == 0)
             log_console(LOG_ERR, "curl returned: %i == %s\n", static_cast<int>(r), error_text);
+        if (refused == 0 && budget.expired)
+            log_console(LOG_ERR, "install: the download did not end within -timeout=%u seconds\n",
+                        budget.timeout_s);
         if (post_dl != nullptr) (void)post_dl(ctx, hc, static_cast<int>(r), error_text);
         return refused != 0 ? refused : 16;
     }
@@ -267,7 +445,8 @@ void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* err
         api.easy_setopt(curl, CURLOPT_HEADERFUNCTION, ftp_header_callback);
         api.easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
     }
-    if (ctx->range_mode != 0) api.easy_setopt(curl, CURLOPT_RANGE, ctx->range);
+    if (ctx->range_mode != 0 || ctx->resume_at > 0)
+        api.easy_setopt(curl, CURLOPT_RANGE, ctx->range);
     // An error page is not an image: a server's 4xx/5xx answer ends the
     // transfer with libcurl's own text instead of reaching the parser.
     api.easy_setopt(curl, CURLOPT_FAILONERROR, 1L);

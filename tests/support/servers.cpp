@@ -1,6 +1,7 @@
 #include "support/servers.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 
 #include <fstream>
 #include <random>
@@ -110,8 +111,9 @@ std::vector<Daemon::Request> Daemon::log(size_t at_least) const
     return out;
 }
 
-Scripted::Scripted(strings r, int stall) : Endpoint{"http"}, responses(std::move(r)), stall_ms(stall)
+Scripted::Scripted(const std::vector<Answer>& a, int stall) : Endpoint{"http"}, stall_ms(stall)
 {
+    for (const Answer& x : a) responses.push_back(x.bytes), drops.push_back(x.drop);
     if ((fd = inet_socket(&port, true)) >= 0) thread = std::thread([this] {
         for (int c; (c = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(c)) {
             timeval t{5, 0};
@@ -122,11 +124,15 @@ Scripted::Scripted(strings r, int stall) : Endpoint{"http"}, responses(std::move
             while (req.find("\r\n\r\n") == req.npos && req.size() < 16384 && (n = recv(c, buf, sizeof buf, 0)) > 0)
                 req.append(buf, size_t(n));
             const size_t at = req.find("\r\nRange: "), end = req.find('\r', at + 9);
-            const std::string& answer = responses[std::min(requests.size(), responses.size() - 1)];
+            const size_t i = std::min(requests.size(), responses.size() - 1);
+            const std::string& answer = responses[i];
             if (n > 0) requests.push_back(at == std::string::npos ? "" : req.substr(at + 9, end - at - 9));
             for (size_t sent = 0; n > 0 && sent < answer.size(); sent += size_t(n))
                 n = send(c, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
-            if (n > 0) std::this_thread::sleep_for(std::chrono::milliseconds(stall_ms));
+            const linger reset{1, 0};  // close() then sends RST
+            if (n > 0 && drops[i] == Drop::reset) setsockopt(c, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            pollfd client{c, POLLIN, 0};  // wakes when the client closes first
+            if (n > 0 && drops[i] == Drop::none) poll(&client, 1, stall_ms);
         }
     });
 }

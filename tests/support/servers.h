@@ -58,13 +58,28 @@ inline std::string response(const std::string& status, const std::string& body, 
            "\r\nConnection: close\r\n\r\n" + body.substr(0, sent);
 }
 
-// HTTP server in a thread: answers request i with responses[i] (the last for any further), stalls `stall_ms`, closes.
+// What the scripted server sends for one request, then how it ends the connection: closed after the stall, or at
+// once, as a link that fails mid-transfer: closed (FIN: the client reads every byte sent) or reset (RST: the client's
+// kernel drops what it has not handed on yet).
+enum class Drop { none, close, reset };
+struct Answer { std::string bytes; Drop drop = Drop::none; };
+
+// HTTP server in a thread: answers request i with responses[i] (the last for any further), stalls `stall_ms` (less
+// when the client closes first), closes.
 struct Scripted : Endpoint {
-    explicit Scripted(strings r, int stall_ms = 0);
+    explicit Scripted(strings r, int stall_ms = 0) : Scripted(answers(r), stall_ms) {}
+    explicit Scripted(const std::vector<Answer>& a, int stall_ms = 0);
+    static std::vector<Answer> answers(const strings& r)
+    {
+        std::vector<Answer> a;
+        for (const auto& bytes : r) a.push_back({bytes});
+        return a;
+    }
     ~Scripted() { ranges(), close(fd); }
     // Range header of each request ("" when none); stops the server (shutdown wakes accept).
     strings ranges() { return thread.joinable() ? shutdown(fd, SHUT_RDWR), thread.join(), requests : requests; }
     strings responses, requests;
+    std::vector<Drop> drops;  // of each response
     int stall_ms, fd = -1;
     std::thread thread;
 };
