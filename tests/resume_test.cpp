@@ -181,6 +181,11 @@ TEST(ResumeTest, OptionValues)
         {"-retries=1001", 1, "-retries syntax failure.\n"}, {"-retries=-1", 1, "-retries syntax failure.\n"},
         {"-retries=0x3", 1, "-retries syntax failure.\n"}, {"-retries=", 1, "-retries syntax failure.\n"},
         {"-timeout=604801", 1, "-timeout syntax failure.\n"}, {"-timeout=5s", 1, "-timeout syntax failure.\n"},
+        {"-cacert=/" + std::string(98, 'c'), 0, ""},
+        {"-cacert=/" + std::string(99, 'c'), 1, "-cacert value too long (at most 99 characters).\n"},
+        {"-cert=/" + std::string(99, 'c'), 1, "-cert value too long (at most 99 characters).\n"},
+        {"-key=/" + std::string(99, 'c'), 1, "-key value too long (at most 99 characters).\n"},
+        {"-key=", 1, "-key syntax failure.\n"},
     };
     sandbox::Device dev;
     for (const auto& row : rows) {

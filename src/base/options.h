@@ -39,6 +39,9 @@ struct kor_options {
     uint32_t minver_minor;
     uint32_t minver_buildnumber;
     char plugin[200];
+    char cacert[KOR_PATH_SIZE];  // HTTPS: CA certificates trusted instead of the system's
+    char cert[KOR_PATH_SIZE];    // HTTPS: client certificate
+    char key[KOR_PATH_SIZE];     // HTTPS: its private key
     const char* words[KOR_MAX_WORDS];
     int32_t nwords;
     char keys[KOR_PATH_SIZE];  // -keys=: key directory or file instead of kor_key_dir

@@ -57,6 +57,9 @@ const char kor_usage_text[] =
     "  -downgrade    install a release older than the device's minimum\n"
     "  -retries=N    after a failed download, resume it up to N times\n"
     "  -timeout=SECONDS  give up a download that takes longer, retries included\n"
+    "  -cacert=FILE  trust only the CA certificates in FILE for HTTPS\n"
+    "  -cert=FILE    client certificate for HTTPS (PEM)\n"
+    "  -key=FILE     private key of the client certificate (PEM)\n"
     "HOSTCFG:\n"
     "  For this system default hostconfig (HOSTCFG) is located at:\n"
     "    /dev/mmcblk0p3 (backup located at /dev/mmcblk0p4)\n"
@@ -124,8 +127,12 @@ const opt_row kOptionRows[] = {
     {"-loc", opt_kind::path, "-lockfile=", "-lock syntax failure.\n"},
     {"-aut", opt_kind::path, "-autosetfile=", "-autosetfile syntax failure.\n"},
     {"-act", opt_kind::path, "-activesetfile=", "-activesetfile syntax failure.\n"},
+    // Matched on the whole "NAME=": -key= must not take -keys=, nor -cert= a word.
     {"-retries=", opt_kind::count, "-retries=", "-retries syntax failure.\n"},
     {"-timeout=", opt_kind::count, "-timeout=", "-timeout syntax failure.\n"},
+    {"-cacert=", opt_kind::path, "-cacert=", "-cacert syntax failure.\n"},
+    {"-cert=", opt_kind::path, "-cert=", "-cert syntax failure.\n"},
+    {"-key=", opt_kind::path, "-key=", "-key syntax failure.\n"},
 };
 
 bool starts_with(const char* s, const char* prefix)
@@ -167,6 +174,9 @@ char* path_field(kor_options* o, const char* pattern)
     if (std::strcmp(pattern, "-lockfile=") == 0) return o->lockfile;
     if (std::strcmp(pattern, "-autosetfile=") == 0) return o->autosetfile;
     if (std::strcmp(pattern, "-keys=") == 0) return o->keys;
+    if (std::strcmp(pattern, "-cacert=") == 0) return o->cacert;
+    if (std::strcmp(pattern, "-cert=") == 0) return o->cert;
+    if (std::strcmp(pattern, "-key=") == 0) return o->key;
     return o->activesetfile;
 }
 

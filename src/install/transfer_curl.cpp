@@ -371,6 +371,19 @@ CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char*
     return r;
 }
 
+// A fleet's own PKI: its CA certificates replace the system's store (the
+// directory too, so that no other CA is trusted), and a client certificate
+// with its key answers a server that asks for one.
+void tls_setup(CURL* curl, const kor_options* o)
+{
+    if (o->cacert[0] != '\0') {
+        api.easy_setopt(curl, CURLOPT_CAINFO, o->cacert);
+        api.easy_setopt(curl, CURLOPT_CAPATH, nullptr);
+    }
+    if (o->cert[0] != '\0') api.easy_setopt(curl, CURLOPT_SSLCERT, o->cert);
+    if (o->key[0] != '\0') api.easy_setopt(curl, CURLOPT_SSLKEY, o->key);
+}
+
 }  // namespace
 
 int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const char* scheme)
@@ -447,6 +460,7 @@ void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* err
     }
     if (ctx->range_mode != 0 || ctx->resume_at > 0)
         api.easy_setopt(curl, CURLOPT_RANGE, ctx->range);
+    tls_setup(curl, ctx->options);
     // An error page is not an image: a server's 4xx/5xx answer ends the
     // transfer with libcurl's own text instead of reaching the parser.
     api.easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
