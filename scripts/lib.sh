@@ -6,7 +6,7 @@ KOR_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Debian packages the build, the tests and the demo need.
 KOR_PACKAGES=(build-essential cmake pkg-config libcurl4-openssl-dev zlib1g-dev libssl-dev
   libgtest-dev googletest libbenchmark-dev nginx-light vsftpd e2fsprogs curl
-  util-linux time clang libclang-rt-14-dev openssl mandoc groff-base u-boot-tools)
+  util-linux time clang libclang-rt-14-dev openssl mandoc groff-base u-boot-tools iproute2)
 
 # A mirror in the middle of a sync can fail one index file while every
 # package needed is still there: go on, and let the install itself decide.
