@@ -30,6 +30,7 @@ kor upgrade |activate validate test
 kor getpartset |0 1 2 active
 kor install rel.velk |-1 0 1 2
 kor -cf|-cfg= -cfgbak=
+kor install rel.velk 1 -ce|-cert=
 kor partinfo 4 POOL 0x100 -p|-product= -platform= -pn=
 ROWS
   ;;
@@ -40,11 +41,20 @@ uboot)
   mkimage -A arm -T script -C none -n "kor boot" -d "$script" "$work/kor-boot.scr" >/dev/null || fail "mkimage could not compile kor-boot.cmd"
   mkimage -l "$work/kor-boot.scr" | grep -q 'ARM Linux Script' || fail "kor-boot.scr is no ARM script" ;;
 systemd)
-  unit="$src/contrib/systemd/kor-validate.service"
-  for l in 'Type=oneshot' 'ExecStart=/usr/sbin/kor upgrade validate'; do grep -qx "$l" "$unit" || fail "unit lacks '$l'"; done
+  while IFS='|' read -r name line; do  # unit | a line it must hold
+    grep -qxF "$line" "$src/contrib/systemd/$name" || fail "$name lacks '$line'"
+  done <<'ROWS'
+kor-validate.service|Type=oneshot
+kor-validate.service|ExecStart=/usr/sbin/kor upgrade validate
+kor-update.service|Type=oneshot
+kor-update.service|ExecStart=/usr/sbin/kor install ${KOR_UPDATE_URL} -1 -noactivate -retries=5 -timeout=3600 $KOR_UPDATE_OPTIONS
+kor-update.service|ExecStartPost=/usr/sbin/kor upgrade activate -test
+ROWS
   # verify wants an executable behind ExecStart: the shell stands in for kor.
-  ! have systemd-analyze || { sed "s|/usr/sbin/kor|$(command -v bash)|" "$unit" >"$work/kor-validate.service" &&
-    lint systemd-analyze verify --man=no "$work/kor-validate.service"; } ;;
+  for name in kor-validate.service kor-update.service; do
+    ! have systemd-analyze || { sed "s|/usr/sbin/kor|$(command -v bash)|" "$src/contrib/systemd/$name" >"$work/$name" &&
+      lint systemd-analyze verify --man=no "$work/$name"; }
+  done ;;
 *) echo "unknown check $check"; exit 1 ;;
 esac
 [ $fails -eq 0 ] && echo "$check: passed"
