@@ -7,6 +7,7 @@
 #include <syslog.h>
 
 #include "support/servers.h"
+#include "support/signing.h"
 
 namespace {
 
@@ -27,17 +28,20 @@ const servers::Release& rel()
 size_t image_size() { return rel().image.size(); }
 size_t body_start(int i) { return rel().ends[size_t(i)] - kBody; }
 
-// A 206 for the request from byte `from` that sends the image up to `to` (whole: to its end).
-std::string partial(size_t from, size_t to)
+// A 206 for the request from byte `from` that sends `image` up to `to` (whole: to its end).
+std::string partial(size_t from, size_t to, const std::string& image = rel().image)
 {
-    const std::string range = std::to_string(from) + "-" + std::to_string(image_size() - 1) + "/" +
-                              std::to_string(image_size());
-    return response("206 Partial Content\r\nContent-Range: bytes " + range, rel().image.substr(from, to - from),
-                    image_size() - from);
+    const std::string range = std::to_string(from) + "-" + std::to_string(image.size() - 1) + "/" +
+                              std::to_string(image.size());
+    return response("206 Partial Content\r\nContent-Range: bytes " + range, image.substr(from, to - from),
+                    image.size() - from);
 }
 
-Answer whole(size_t from) { return {partial(from, image_size())}; }
-Answer dropped(size_t from, size_t at) { return {partial(from, at), Drop::close}; }  // ends behind byte at - 1
+Answer whole(size_t from, const std::string& image = rel().image) { return {partial(from, image.size(), image)}; }
+Answer dropped(size_t from, size_t at, const std::string& image = rel().image)  // ends behind byte at - 1
+{
+    return {partial(from, at, image), Drop::close};
+}
 Answer status(const std::string& line) { return {response(line, "")}; }
 std::string from(size_t at) { return "bytes=" + std::to_string(at) + "-"; }
 
@@ -52,6 +56,8 @@ struct Fetch {
     Fetch& ranges(strings r) { asked = std::move(r); return *this; }  // the Range header of each request, in order
     Fetch& notice(std::string t) { notices.push_back(std::move(t)); return *this; }  // a LOG_NOTICE datagram holding it
     Fetch& stall(int ms) { stall_ms = ms; return *this; }  // how long the server holds an answer open (default 5 s)
+    Fetch& of(const servers::Release& r) { release = &r; return *this; }  // served instead of rel()
+    Fetch& trusting(std::string pem) { key_pem = std::move(pem); return *this; }  // kor is given -keys= with it
 
     std::string name;
     bool preinstalled = false;
@@ -60,16 +66,23 @@ struct Fetch {
     std::optional<int> exit;
     std::string error;
     int stall_ms = 5000;
+    const servers::Release* release = &rel();
+    std::string key_pem;
 };
 
 sandbox::RunResult check(const Fetch& c)
 {
     SCOPED_TRACE(c.name);
     EXPECT_TRUE(c.exit.has_value()) << "a row must name its exit status";
-    servers::World w(rel());
-    if (c.preinstalled) w.install(w.file);
+    servers::World w(*c.release);
+    strings args = c.arguments;
+    if (!c.key_pem.empty()) {
+        w.dev.write_file(w.dev.workdir() + "/release.pub", c.key_pem);
+        args.push_back("-keys=" + w.dev.workdir() + "/release.pub");
+    }
+    if (c.preinstalled) w.install(w.file, 0, "", args);
     servers::Scripted server(c.served, c.stall_ms);
-    auto r = w.install(server.url("img.velk"), c.exit.value_or(-1), c.error, c.arguments);
+    auto r = w.install(server.url("img.velk"), c.exit.value_or(-1), c.error, args);
     EXPECT_EQ(server.ranges(), c.asked);
     for (const auto& text : c.notices) {
         bool found = false;
@@ -151,6 +164,51 @@ TEST(ResumeTest, AnswersToAResume)
     };
     for (const Fetch& c : runs) check(c);
 }
+// A signed release resumed after a drop is checked as it would be undisturbed: the signature part and every body are
+// hashed across the requests, and a server that starts over with the whole image has it checked from its start.
+TEST(ResumeTest, SignedImageResumes)
+{
+    KOR_SANDBOX_OR_SKIP();
+    static const signing::Release signed_rel({&signing::old_key()}, "1.0.1", 1, {120001, 120002, 120003});
+    static const servers::Release served = [] {
+        servers::Release r({64});
+        r.image = signing::text(signed_rel.image());
+        r.bodies = {signed_rel.body(3), signed_rel.body(4), signed_rel.body(5)};
+        return r;
+    }();
+    const std::string& img = served.image;
+    const std::string tampered = [] {  // the kernel's body changed, every CRC right
+        signing::parts p = signed_rel.signed_parts;
+        p[3].body[10] ^= 1;
+        return signing::text(mkvelk::build_image(p));
+    }();
+    const auto inside = [&](int part, size_t offset) {  // image offset of a byte of a part's body
+        const auto& b = signed_rel.body(part);
+        return img.find(std::string(b.begin(), b.begin() + 64)) + offset;
+    };
+    const size_t in_signature = inside(1, 20), in_root = inside(4, 60000);
+    const std::string verified = "install: signed by key " + signing::old_key().id_hex;
+    const std::vector<Fetch> runs = {
+        Fetch("dropped in the signature part").of(served).trusting(signing::old_key().pem)
+            .answers({dropped(0, in_signature, img), whole(in_signature, img)}).args({"-retries=1"}).status(0)
+            .stderr_has(verified).ranges({from(0), from(in_signature)}),
+        Fetch("dropped in a body").of(served).trusting(signing::old_key().pem)
+            .answers({dropped(0, in_root, img), whole(in_root, img)}).args({"-retries=1"}).status(0)
+            .stderr_has(verified).ranges({from(0), from(in_root)}),
+        Fetch("the whole image again").of(served).trusting(signing::old_key().pem)
+            .answers({dropped(0, in_root, img), {response("200 OK", img)}}).args({"-retries=1"}).status(0)
+            .stderr_has(verified).ranges({from(0), from(in_root)}),
+        Fetch("the whole image again, with a changed kernel").of(served).trusting(signing::old_key().pem)
+            .answers({dropped(0, in_root, img), {response("200 OK", tampered)}}).args({"-retries=1"}).status(15)
+            .stderr_has("install: content part 3 does not match the signed manifest\n")
+            .ranges({from(0), from(in_root)}),
+        Fetch("a key that did not sign it: refused before the drop").of(served).trusting(signing::new_key().pem)
+            .answers({dropped(0, in_root, img), {response("200 OK", img)}}).args({"-retries=1"}).status(15)
+            .stderr_has("install: no trusted key signed this image").ranges({from(0)}),
+    };
+    for (const Fetch& c : runs) check(c);
+}
+
 // -timeout= bounds the whole download, waits between retries included: a server that stalls, or fails each time,
 // is given up well before it would end the connection itself.
 TEST(ResumeTest, DeadlineEndsTheDownload)

@@ -238,6 +238,9 @@ int install_receive_restart(install_ctx* c)
     c->next_element = -1;
     c->resume_at = 0;
     c->skips = 0;
+    // The signature check follows the parser: it starts again with it.
+    velk_sig_check_release(&c->sig);
+    velk_sig_check_init(&c->sig, c->keys);
     return 0;
 }
 
