@@ -20,6 +20,7 @@ struct kor_options {
     int32_t rewrite;
     int32_t onlymeta;
     int32_t noactivate;
+    int32_t stream;  // install: write parts as they arrive instead of holding the image
     int32_t product_set;
     int32_t platform_set;
     int32_t minver_set;

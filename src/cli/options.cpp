@@ -60,6 +60,8 @@ const char kor_usage_text[] =
     "  -cacert=FILE  trust only the CA certificates in FILE for HTTPS\n"
     "  -cert=FILE    client certificate for HTTPS (PEM)\n"
     "  -key=FILE     private key of the client certificate (PEM)\n"
+    "  -stream       install: write each part while the image arrives, with\n"
+    "                 memory bounded by -velksize instead of the image's size\n"
     "HOSTCFG:\n"
     "  For this system default hostconfig (HOSTCFG) is located at:\n"
     "    /dev/mmcblk0p3 (backup located at /dev/mmcblk0p4)\n"
@@ -119,6 +121,7 @@ const opt_row kOptionRows[] = {
     {"-noactivate", opt_kind::flag, nullptr, nullptr},
     {"-downgrade", opt_kind::flag, nullptr, nullptr},
     {"-keys=", opt_kind::path, "-keys=", "-keys syntax failure.\n"},
+    {"-stream", opt_kind::flag, nullptr, nullptr},
     {"-product=", opt_kind::product, nullptr, nullptr},
     {"-platform=", opt_kind::platform, nullptr, nullptr},
     {"-minver=", opt_kind::minver, nullptr, "-minver syntax failure.\n"},
@@ -161,6 +164,7 @@ int32_t* flag_field(kor_options* o, const char* match)
         {"-f", &kor_options::f},           {"-rewrite", &kor_options::rewrite},
         {"-onlymeta", &kor_options::onlymeta}, {"-noactivate", &kor_options::noactivate},
         {"-downgrade", &kor_options::downgrade},
+        {"-stream", &kor_options::stream},
     };
     for (const auto& f : flags)
         if (std::strcmp(f.match, match) == 0) return &(o->*(f.field));

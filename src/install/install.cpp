@@ -32,6 +32,11 @@ int parse_arguments(install_run* run)
     }
     run->source = o->words[1];
     run->wanted_set = setidx;
+    if (o->stream) {
+        run->stream.file_fd = -1;
+        run->stream.sink.fd = -1;
+        run->ctx.stream = &run->stream;
+    }
     run->ctx.data = &run->data;
     run->ctx.setidx = static_cast<uint8_t>(setidx);
     run->ctx.options = run->opts;
@@ -152,7 +157,7 @@ using step_fn = int (*)(install_run*);
 constexpr step_fn preparation[] = {
     parse_arguments, load_metadata,   generate_pools, choose_set,    load_keys,
     bring_image,     check_release,   pre_metainstall, record_plan,  check_kept,
-    check_targets,   claim_autoset,   pre_install,
+    check_targets,   plan_stream,     claim_autoset,  pre_install,
 };
 
 }  // namespace

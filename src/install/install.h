@@ -11,10 +11,12 @@
 
 struct kor_options;
 struct hostconfig;
+struct install_stream;
 
 constexpr int INSTALL_STATE_HEADER = 1;
 constexpr int INSTALL_STATE_PARSING = 2;
 constexpr int INSTALL_STATE_SKIP = 3;
+constexpr int INSTALL_STATE_DONE = 4;  // -stream: the receiver wants no more bytes
 constexpr int INSTALL_STATE_FAILED = 17;
 constexpr uint32_t INSTALL_HEADER_TEXT = 1000;
 
@@ -47,6 +49,9 @@ struct install_ctx {
     int32_t answered;          // the current request's answer has been checked
     int32_t http;              // the source is http:// or https://: answers carry a status
     int32_t skips;             // bodies left out so far
+    // -stream: what is held of the image and where each part lies (then
+    // `parser` is null and `buffer` holds only the parts held in memory).
+    install_stream* stream;
 };
 
 // Install exit statuses with a name of their own.
@@ -62,6 +67,10 @@ constexpr int KOR_EXIT_TARGET_REFUSED = 17;  // a partition to write is missing,
 // buffer, else the install's exit status (messages logged).
 [[nodiscard]] int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source);
 void transfer_release(install_ctx* ctx);  // frees buffer and parser, cleans libcurl up
+// An anonymous zero-filled mapping of `size` bytes for image bytes; null
+// when it cannot be had. image_unmap takes the same size.
+uint8_t* image_map(uint32_t size);
+void image_unmap(uint8_t* buffer, uint32_t size);
 // The one image buffer (zero-filled, `size` bytes) and its parser; 0, or 1
 // with a message when either cannot be allocated.
 [[nodiscard]] int image_buffer_setup(install_ctx* ctx, uint32_t size);
@@ -88,6 +97,9 @@ int source_is_url(const char* source, char scheme[10]);
 [[nodiscard]] bool install_check_signature_end(install_ctx* ctx);
 // 0, or the exit status of a refusal by the signature check.
 int install_signature_status(const install_ctx* ctx);
+// The image's content parts by index: the parser's table, or with -stream
+// the headers held (with the body for the parts held whole).
+velk_content_header* const* install_parts(const install_ctx* ctx);
 
 // Receiver and writer.
 size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx);
@@ -100,6 +112,8 @@ void install_progress(const install_ctx* ctx);
 struct install_write_result {
     int ok;          // 1 every planned element written and verified
     int pool_count;  // members of the pool of the element written last
+    int status;      // -stream: the install's status after a failure that
+                     // leaves the hostconfig as it was (0: none such)
 };
 install_write_result install_write_out(install_ctx* ctx);
 

@@ -21,7 +21,7 @@ constexpr int GO_ON = INSTALL_GO_ON;
 
 const velk_content_header* part0(const install_run* run)
 {
-    const velk_content_header* cp = velk_stream_parser_content_parts(run->ctx.parser)[0];
+    const velk_content_header* cp = install_parts(&run->ctx)[0];
     KOR_ASSERT("kor", cp);  // a complete image has its first part in memory
     return cp;
 }
@@ -114,7 +114,7 @@ int check_floor(const kor_options* o, const velk_content_header* cp)
 // says that nobody looked at the signature.
 void note_unchecked_signature(const install_run* run)
 {
-    const velk_content_header* sig = velk_stream_parser_content_parts(run->ctx.parser)[VELK_SIG_PART];
+    const velk_content_header* sig = install_parts(&run->ctx)[VELK_SIG_PART];
     if (run->ctx.keys || !sig || velk_sig_check_header(sig) == VELK_SIG_ERR_NOT_SIGNED) return;
     log_always(LOG_NOTICE, "install: image is signed, but no keys are configured: signature not checked\n");
 }
@@ -162,7 +162,7 @@ const char* plan_reason(int code)
 const velk_content_header* content_of(const install_run* run, const korm_element* e)
 {
     if (e->cidx < 0 || e->cidx >= static_cast<int>(VELK_MAX_PARTS)) return nullptr;
-    return velk_stream_parser_content_parts(run->ctx.parser)[e->cidx];
+    return install_parts(&run->ctx)[e->cidx];
 }
 
 // A shared partition failed its check: put a free one of the pool in its
@@ -206,7 +206,7 @@ int check_element(install_run* run, korm_element* e)
     int r = crc32_sha256_check(&run->data, e->partinfo_idx, e->wts,
                                signed_entry ? signed_entry->body_sha256 : nullptr);
     if (r == KORL_CRC_OK) {
-        if (signed_entry) run->ctx.parser->info[e->cidx].validated_by_signature = 1;
+        if (signed_entry && run->ctx.parser) run->ctx.parser->info[e->cidx].validated_by_signature = 1;
         return GO_ON;
     }
     if (r == KORL_SHA_MISMATCH)
@@ -306,7 +306,7 @@ int record_plan(install_run* run)
     const char* match = o->platform_set ? o->platform : o->product;
     run->stored = run->data;
     int r = korl_meta_install(&run->data, run->ctx.setidx, release_info(part0(run)),
-                              run->ctx.korm, velk_stream_parser_content_parts(run->ctx.parser),
+                              run->ctx.korm, install_parts(&run->ctx),
                               match, o->f);
     if (r != KORL_META_INSTALL_OK) {
         log_console(LOG_ERR, "install: meta install in hostconfig failed (%i), reason:\n", r);

@@ -47,6 +47,19 @@ int after_failed_write(install_run* run, int pool_count)
     return 1;
 }
 
+// A streaming install that stopped before everything was written and
+// verified records nothing: the claims released before the first write are
+// its only change, and the sets in use never lost a partition.
+int after_stream_failure(install_run* run, int status)
+{
+    if (run->autoset) ::unlink(run->opts->autosetfile);
+    log_always(LOG_NOTICE,
+               "install: stopped before every part was written; set %u was not recorded and "
+               "the active set is unchanged\n",
+               run->ctx.setidx);
+    return status;
+}
+
 int post_activate(install_run* run)
 {
     const kor_hooks* h = kor_hooks_get();
@@ -102,7 +115,7 @@ int write_and_record(install_run* run)
 {
     int released = release_claims(run);
     if (released != GO_ON) return released;
-    install_write_result w = install_write_out(&run->ctx);
+    install_write_result w = run->ctx.stream ? stream_write_out(run) : install_write_out(&run->ctx);
     const kor_hooks* h = kor_hooks_get();
     if (h && h->install_post_write_out) {
         int r = h->install_post_write_out(&run->ctx, &run->hc);
@@ -110,6 +123,7 @@ int write_and_record(install_run* run)
     }
     if (run->opts->dryrun) return post_activate(run);
     ::unlink(run->opts->activesetfile);
+    if (!w.ok && w.status != 0) return after_stream_failure(run, w.status);
     if (!w.ok) return after_failed_write(run, w.pool_count);
     return activate(run);
 }

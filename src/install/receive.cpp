@@ -7,6 +7,7 @@
 #include "base/options.h"
 #include "base/progress.h"
 #include "install/install.h"
+#include "install/install_steps.h"
 
 namespace {
 
@@ -104,40 +105,6 @@ const char* match_text(const kor_options* o)
     return o->platform_set ? o->platform : o->product;
 }
 
-// The "korm" part is complete: parse the descriptor and plan the install.
-bool plan_install(install_ctx* c, const velk_content_header* cp)
-{
-    if (!c->release_header) {
-        log_console(LOG_ERR, "install: KORM before RH\n");
-        return false;
-    }
-    const char* text = reinterpret_cast<const char*>(cp) + cp->hdr_length;
-    if (cp->body_length == 0 || text[cp->body_length - 1] != '\0') {
-        log_console(LOG_ERR,
-                    "install: Content Part Body should be 0-terminated for KORM content\n");
-        return false;
-    }
-    c->korm_count = korl_parse_kormd(c->korm, KORL_KORM_ELEMENTS, text);
-    if (c->korm_count < 1) {
-        log_console(LOG_ERR, "install: korl_parse_kormd failed: %i\n", c->korm_count);
-        return false;
-    }
-    int r = korl_meta_install_part1(c->data, c->setidx, c->release_header, c->korm,
-                                    match_text(c->options), c->options->f);
-    if (r == KORL_META_INSTALL_ERR_SINGLETON) {
-        log_console(LOG_ERR, "install: Can't install into singleton partitions without -f\n");
-        return false;
-    }
-    if (r != KORL_META_INSTALL_OK) {
-        log_console(LOG_ERR, "install: korl_meta_install_part1 failed: %i\n", r);
-        log_console(LOG_ERR, "install: search korl.h for KORL_META_INSTALL_ERR_\n");
-        return false;
-    }
-    if (c->korm_count < 1) return false;
-    c->next_element = 0;
-    return true;
-}
-
 bool is_korm(const velk_content_header* cp)
 {
     return std::strncmp(cp->name, "korm", sizeof cp->name) == 0;
@@ -163,7 +130,7 @@ bool examine_part(install_ctx* c, int32_t k)
                            sw->sw_build_number);
     }
     if (e && e->cidx == k) c->next_element++;
-    if (is_korm(cp)) return plan_install(c, cp);
+    if (is_korm(cp)) return install_plan_korm(c, cp);
     return true;
 }
 
@@ -182,8 +149,10 @@ bool examine_new_parts(install_ctx* c)
 size_t install_receive(void* data, size_t size, size_t nmemb, void* ctx)
 {
     auto* c = static_cast<install_ctx*>(ctx);
-    KOR_ASSERT(MODULE, c && c->buffer && c->parser && data);
     size_t n = size * nmemb;
+    KOR_ASSERT(MODULE, c && data);
+    if (c->stream) return stream_receive(c, static_cast<const uint8_t*>(data), n);
+    KOR_ASSERT(MODULE, c->buffer && c->parser);
     if (!store(c, data, n)) return fail(c, n);
     c->received += static_cast<uint32_t>(n);
     const kor_hooks* hooks = kor_hooks_get();
@@ -260,4 +229,37 @@ void install_progress(const install_ctx* c)
     }
     s.skips = c->skips;
     progress_update(s);
+}
+
+bool install_plan_korm(install_ctx* c, const velk_content_header* cp)
+{
+    if (!c->release_header) {
+        log_console(LOG_ERR, "install: KORM before RH\n");
+        return false;
+    }
+    const char* text = reinterpret_cast<const char*>(cp) + cp->hdr_length;
+    if (cp->body_length == 0 || text[cp->body_length - 1] != '\0') {
+        log_console(LOG_ERR,
+                    "install: Content Part Body should be 0-terminated for KORM content\n");
+        return false;
+    }
+    c->korm_count = korl_parse_kormd(c->korm, KORL_KORM_ELEMENTS, text);
+    if (c->korm_count < 1) {
+        log_console(LOG_ERR, "install: korl_parse_kormd failed: %i\n", c->korm_count);
+        return false;
+    }
+    int r = korl_meta_install_part1(c->data, c->setidx, c->release_header, c->korm,
+                                    match_text(c->options), c->options->f);
+    if (r == KORL_META_INSTALL_ERR_SINGLETON) {
+        log_console(LOG_ERR, "install: Can't install into singleton partitions without -f\n");
+        return false;
+    }
+    if (r != KORL_META_INSTALL_OK) {
+        log_console(LOG_ERR, "install: korl_meta_install_part1 failed: %i\n", r);
+        log_console(LOG_ERR, "install: search korl.h for KORL_META_INSTALL_ERR_\n");
+        return false;
+    }
+    if (c->korm_count < 1) return false;
+    c->next_element = 0;
+    return true;
 }

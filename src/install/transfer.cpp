@@ -10,6 +10,7 @@
 #include "base/options.h"
 #include "base/progress.h"
 #include "install/install.h"
+#include "install/install_steps.h"
 
 namespace {
 
@@ -83,9 +84,19 @@ uint8_t* map_buffer(size_t length)
 
 }  // namespace
 
+uint8_t* image_map(uint32_t size)
+{
+    return map_buffer(mapped_size(size));
+}
+
+void image_unmap(uint8_t* buffer, uint32_t size)
+{
+    if (buffer) (void)::munmap(buffer, mapped_size(size));
+}
+
 int image_buffer_setup(install_ctx* ctx, uint32_t size)
 {
-    ctx->buffer = map_buffer(mapped_size(size));
+    ctx->buffer = image_map(size);
     if (!ctx->buffer) {
         log_console(LOG_ERR, "install: could not allocate %u bytes for the VELK\n", size);
         return 1;
@@ -111,9 +122,16 @@ int source_is_url(const char* source, char scheme[10])
     return 0;
 }
 
+velk_content_header* const* install_parts(const install_ctx* ctx)
+{
+    KOR_ASSERT("kor", ctx && (ctx->parser || ctx->stream));
+    return ctx->stream ? ctx->stream->parts : velk_stream_parser_content_parts(ctx->parser);
+}
+
 int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source)
 {
     KOR_ASSERT("kor", ctx && ctx->options && source);
+    if (ctx->stream) return stream_first_pass(ctx, hc, source);
     char scheme[10];
     int url = source_is_url(source, scheme);
     // A file is planned from its first part on; a URL only once "korm" is in.
@@ -132,9 +150,10 @@ int transfer_image(install_ctx* ctx, hostconfig* hc, const char* source)
 
 void transfer_release(install_ctx* ctx)
 {
+    if (ctx->stream) stream_release(ctx);
     if (ctx->parser) velk_stream_parser_deinit(ctx->parser);
     ctx->parser = nullptr;
-    if (ctx->buffer) (void)::munmap(ctx->buffer, mapped_size(ctx->buffer_size));
+    image_unmap(ctx->buffer, ctx->buffer_size);
     ctx->buffer = nullptr;
     velk_sig_check_release(&ctx->sig);
     curl_release(ctx);

@@ -17,6 +17,7 @@
 #include "base/console.h"
 #include "base/options.h"
 #include "install/install.h"
+#include "install/install_steps.h"
 #include "velk/velk_stream_parser.h"
 
 namespace {
@@ -92,6 +93,20 @@ bool range_scheme(const char* scheme)
 {
     return strcmp(scheme, "http") == 0 || strcmp(scheme, "ftp") == 0 ||
            strcmp(scheme, "file") == 0;
+}
+
+// -stream leans on ranges to read the headers before the bodies, so it asks
+// for them whenever the scheme has them, -rewrite or not.
+bool ranges_wanted(const install_ctx* ctx, const char* scheme)
+{
+    if (!ctx->stream) return !ctx->options->rewrite && range_scheme(scheme);
+    return range_scheme(scheme) || strcmp(scheme, "https") == 0;
+}
+
+bool image_complete(const install_ctx* ctx)
+{
+    if (ctx->stream) return ctx->stream->parser->status == PARSER_COMPLETE;
+    return velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE;
 }
 
 void clear_header_text(install_ctx* ctx)
@@ -213,9 +228,34 @@ bool take_resume_answer(install_ctx* ctx)
     return false;
 }
 
+// -stream: the first bytes of an HTTP answer. Only a 206 carries the range
+// asked for: to the first request (from byte 0) any other answer brings the
+// whole image and ranges are off from then on; to a later request it would
+// put bytes at the wrong offsets.
+bool stream_answer_usable(install_ctx* ctx)
+{
+    install_stream* s = ctx->stream;
+    if (s->answered || !ctx->http) return true;
+    s->answered = true;
+    long code = response_code(ctx);
+    if (code == 206) return true;
+    if (s->asked_from == 0) {
+        ctx->range_mode = 0;
+        return true;
+    }
+    log_console(LOG_ERR, "install: server answered %ld to the request from byte %llu\n", code,
+                static_cast<unsigned long long>(s->asked_from));
+    ctx->state = INSTALL_STATE_FAILED;
+    return false;
+}
+
 size_t receive_fwd(char* data, size_t size, size_t nmemb, void* ctx)
 {
     auto* c = static_cast<install_ctx*>(ctx);
+    if (c->stream) {
+        if (!stream_answer_usable(c)) return size * nmemb + 1;
+        return install_receive(data, size, nmemb, ctx);
+    }
     if (!c->answered) {
         c->answered = 1;
         if (c->http && c->resume_at > 0 && !take_resume_answer(c)) return size * nmemb + 1;
@@ -305,9 +345,11 @@ void sleep_s(uint32_t seconds)
 bool retry_after(install_ctx* ctx, CURLcode r, const char* scheme, const char* error_text,
                  transfer_budget* b)
 {
-    if (ctx->state == INSTALL_STATE_FAILED || !transient(ctx, r) ||
-        velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE)
+    if (ctx->state == INSTALL_STATE_FAILED || !transient(ctx, r) || image_complete(ctx))
         return false;
+    // -stream resumes only where the server answers ranges: a new start
+    // would take back what was written.
+    if (ctx->stream && ctx->range_mode != 1) return false;
     if (b->timeout_s > 0 && now_ms() >= b->deadline_ms) {
         b->expired = true;
         return false;
@@ -317,16 +359,28 @@ bool retry_after(install_ctx* ctx, CURLcode r, const char* scheme, const char* e
         b->expired = true;
         return false;
     }
-    bool resume = resumable(scheme);
-    uint32_t from = resume ? ctx->buffer_fill : 0;
+    bool resume = resumable(scheme) || ctx->stream;
+    uint64_t from = !resume ? 0 : ctx->stream ? ctx->stream->parser->position : ctx->buffer_fill;
     b->retry++;
     log_always(LOG_NOTICE,
-               "install: curl returned: %i == %s; retry %d of %d in %u s from byte %u\n",
-               static_cast<int>(r), error_text, b->retry, b->retries, b->backoff_s, from);
+               "install: curl returned: %i == %s; retry %d of %d in %u s from byte %llu\n",
+               static_cast<int>(r), error_text, b->retry, b->retries, b->backoff_s,
+               static_cast<unsigned long long>(from));
     sleep_s(b->backoff_s);
     b->backoff_s = b->backoff_s * 2 > MAX_BACKOFF_S ? MAX_BACKOFF_S : b->backoff_s * 2;
     if (!resume && ctx->buffer_fill > 0 && install_receive_restart(ctx) != 0) return false;
     return true;
+}
+
+// -stream: the next request asks for the bytes from the source's resume
+// offset on (from byte 0 when the server does not answer ranges).
+void stream_request(install_ctx* ctx)
+{
+    install_stream* s = ctx->stream;
+    s->asked_from = ctx->range_mode == 1 ? s->resume_at : 0;
+    s->answered = false;
+    if (ctx->range_mode == 1)
+        zb_snprintf(ctx->range, sizeof ctx->range, "%llu-", static_cast<unsigned long long>(s->asked_from));
 }
 
 // One request from resume_at, the receiver's byte range text set to match.
@@ -334,7 +388,10 @@ CURLcode perform_from(install_ctx* ctx, const char* source, const char* scheme, 
                       const transfer_budget& b)
 {
     CURL* curl = static_cast<CURL*>(ctx->curl);
-    if (ctx->resume_at > 0) zb_snprintf(ctx->range, sizeof ctx->range, "%u-", ctx->resume_at);
+    if (ctx->stream)
+        stream_request(ctx);
+    else if (ctx->resume_at > 0)
+        zb_snprintf(ctx->range, sizeof ctx->range, "%u-", ctx->resume_at);
     api.easy_reset(curl);
     curl_setup(ctx, source, scheme, error_text);
     if (b.timeout_s > 0) api.easy_setopt(curl, CURLOPT_TIMEOUT_MS, time_left_ms(b));
@@ -357,7 +414,7 @@ CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char*
         if (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_SKIP) {
             // A skip of the last body completes the image: there is nothing
             // behind it to ask for, and a server would only answer 416.
-            if (velk_stream_parser_get_status(ctx->parser) == PARSER_COMPLETE) {
+            if (image_complete(ctx)) {
                 ctx->state = INSTALL_STATE_PARSING;
                 r = CURLE_OK;
                 break;
@@ -365,8 +422,13 @@ CURLcode perform_with_restarts(install_ctx* ctx, const char* source, const char*
         } else if (r == CURLE_OK || !retry_after(ctx, r, scheme, error_text, b)) {
             break;
         }
-        ctx->resume_at = ctx->buffer_fill;
+        if (!ctx->stream)
+            ctx->resume_at = ctx->buffer_fill;
+        else if (ctx->state != INSTALL_STATE_SKIP)  // a retry: from the first byte not yet here
+            ctx->stream->resume_at = ctx->stream->parser->position;
     }
+    // -stream: the receiver ended the transfer with all it wanted.
+    if (r == CURLE_WRITE_ERROR && ctx->state == INSTALL_STATE_DONE) r = CURLE_OK;
     api.easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
     return r;
 }
@@ -393,11 +455,14 @@ int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const cha
     char error_text[CURL_ERROR_SIZE] = {};
 
     ctx->next_element = -1;
-    int status = url_buffer_setup(ctx);
+    // -stream: the caller set up the held area and the parser.
+    int status = ctx->stream ? 0 : url_buffer_setup(ctx);
     if (status == 0) status = curl_handle_setup(ctx);
     if (status != 0) return status;
+    clear_header_text(ctx);
+    ctx->range_mode = 0;
 
-    if (!ctx->options->rewrite && range_scheme(scheme)) {
+    if (ranges_wanted(ctx, scheme)) {
         ctx->range_mode = 1;
         snprintf(ctx->range, sizeof ctx->range, "%d-", 0);
     }
@@ -416,17 +481,35 @@ int transfer_url(install_ctx* ctx, hostconfig* hc, const char* source, const cha
             log_console(LOG_ERR, "install: the download did not end within -timeout=%u seconds\n",
                         budget.timeout_s);
         if (post_dl != nullptr) (void)post_dl(ctx, hc, static_cast<int>(r), error_text);
-        return refused != 0 ? refused : 16;
+        if (refused != 0) return refused;
+        return ctx->stream && ctx->stream->failure != 0 ? ctx->stream->failure : 16;
     }
     if (post_dl != nullptr) {
         int h = post_dl(ctx, hc, 0, error_text);
         if (h != 0) return h;
     }
-    if (velk_stream_parser_get_status(ctx->parser) != PARSER_COMPLETE) {
+    if (!image_complete(ctx)) {
         log_console(LOG_ERR, "install: incomplete VELK\n");
         return 9;
     }
     return 0;
+}
+
+int stream_read_url(install_ctx* ctx)
+{
+    install_stream* s = ctx->stream;
+    char error_text[CURL_ERROR_SIZE] = {};
+    clear_header_text(ctx);
+    transfer_budget budget = budget_of(ctx->options);
+    CURLcode r = perform_with_restarts(ctx, s->source, s->scheme, error_text, &budget);
+    if (r == CURLE_OK) return 0;
+    const int refused = install_signature_status(ctx);
+    if (refused != 0) return refused;
+    log_console(LOG_ERR, "curl returned: %i == %s\n", static_cast<int>(r), error_text);
+    if (budget.expired)
+        log_console(LOG_ERR, "install: the download did not end within -timeout=%u seconds\n",
+                    budget.timeout_s);
+    return s->failure != 0 ? s->failure : 16;
 }
 
 void curl_release(install_ctx* ctx)
@@ -451,7 +534,7 @@ void curl_setup(install_ctx* ctx, const char* url, const char* scheme, char* err
     api.easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, CONNECT_TIMEOUT_S);
     api.easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, LOW_SPEED_LIMIT_BPS);
     api.easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, LOW_SPEED_TIME_S);
-    if (strcmp(scheme, "http") == 0) {
+    if (strcmp(scheme, "http") == 0 || (ctx->stream && strcmp(scheme, "https") == 0)) {
         api.easy_setopt(curl, CURLOPT_HEADERFUNCTION, http_header_callback);
         api.easy_setopt(curl, CURLOPT_HEADERDATA, ctx);
     } else if (strcmp(scheme, "ftp") == 0) {

@@ -11,6 +11,7 @@
 #include "base/fileutil.h"
 #include "base/options.h"
 #include "install/install.h"
+#include "install/install_steps.h"
 
 namespace {
 
@@ -37,33 +38,7 @@ const write_type* find_write_type(uint8_t wts)
 const velk_content_header* content_of(const install_ctx* c, const korm_element* e)
 {
     if (e->cidx < 0 || e->cidx >= static_cast<int>(VELK_MAX_PARTS)) return nullptr;
-    return velk_stream_parser_content_parts(c->parser)[e->cidx];
-}
-
-void print_plan_line(const install_ctx* c, int i)
-{
-    const korm_element* e = &c->korm[i];
-    const velk_content_header* cp = content_of(c, e);
-    int len = cp ? static_cast<int>(sizeof cp->name) : 6;
-    log_console(LOG_INFO, "%i: name=%.*s action=%i velk_cidx=%i partinfo_idx=%i wts=%i\n", i,
-                len, cp ? cp->name : "<null>", static_cast<int>(e->action), e->cidx,
-                e->partinfo_idx, e->wts);
-}
-
-// Bytes of [p, p + n) written at `at`; fewer when a write fails (errno set).
-uint64_t write_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
-{
-    uint64_t done = 0;
-    while (done < n) {
-        ssize_t r = ::pwrite(fd, p + done, n - done, static_cast<off_t>(at + done));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) {
-            if (r == 0) errno = ENOSPC;
-            break;
-        }
-        done += static_cast<uint64_t>(r);
-    }
-    return done;
+    return install_parts(c)[e->cidx];
 }
 
 // Partition data goes to the device with direct I/O, block-aligned pieces
@@ -82,7 +57,7 @@ int64_t write_direct(int fd, const uint8_t* p, uint64_t at, uint64_t from, uint6
     while (pos < to) {
         uint32_t n = to - pos < DEVICE_IO_SIZE ? static_cast<uint32_t>(to - pos) : DEVICE_IO_SIZE;
         std::memcpy(device_io_buffer(), p + (pos - at), n);
-        uint64_t r = write_at(fd, device_io_buffer(), n, pos);
+        uint64_t r = device_write_at(fd, device_io_buffer(), n, pos);
         if (r == n) {
             pos += n;
             continue;
@@ -101,13 +76,13 @@ uint64_t write_piece_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
 {
     uint64_t from = (at + DEVICE_IO_ALIGN - 1) / DEVICE_IO_ALIGN * DEVICE_IO_ALIGN;
     uint64_t to = (at + n) / DEVICE_IO_ALIGN * DEVICE_IO_ALIGN;
-    if (from >= to) return write_at(fd, p, n, at);
+    if (from >= to) return device_write_at(fd, p, n, at);
     int64_t inside = write_direct(fd, p, at, from, to);
-    if (inside < 0) return write_at(fd, p, n, at);
+    if (inside < 0) return device_write_at(fd, p, n, at);
     if (static_cast<uint64_t>(inside) < to - from) return static_cast<uint64_t>(inside);
-    uint64_t head = write_at(fd, p, from - at, at);
+    uint64_t head = device_write_at(fd, p, from - at, at);
     if (head < from - at) return head;
-    uint64_t tail = write_at(fd, p + (to - at), at + n - to, to);
+    uint64_t tail = device_write_at(fd, p + (to - at), at + n - to, to);
     return n - (at + n - to) + tail;
 }
 
@@ -166,9 +141,83 @@ bool write_device(const char* device, const velk_content_header* cp, uint8_t wts
     return write_pieces(fd.get(), device, cp, *t) && flush_and_close(fd, device);
 }
 
+bool write_element(install_ctx* c, int i)
+{
+    const korm_element* e = &c->korm[i];
+    const velk_content_header* cp = content_of(c, e);
+    bool known = e->partinfo_idx >= 0 && e->partinfo_idx < KORL_PARTINFOS;
+    if (cp && known) {
+        char device[32];
+        int pn = c->data->partinfo[e->partinfo_idx].pn;
+        zb_snprintf(device, sizeof device, "/dev/mmcblk0p%i", pn);
+        zb_printf("Writing out %u bytes of data to %s\n", cp->body_length, device);
+        if (write_device(device, cp, e->wts)) return install_verify_element(c, i);
+    }
+    install_write_failed(c, i);
+    return false;
+}
+
+// The writer's loop: the plan line of every element written (of every slot
+// with -v) when `print`, and the writes of those `only` marks.
+install_write_result write_out(install_ctx* ctx, bool print, const uint8_t* only)
+{
+    KOR_ASSERT("kor", ctx && ctx->options && ctx->data && (ctx->parser || ctx->stream));
+    const kor_options* o = ctx->options;
+    install_write_result res{1, 0, 0};
+    for (int i = 0; i < KORL_KORM_ELEMENTS; ++i) {
+        const korm_element* e = &ctx->korm[i];
+        if (e->action != 1 && !o->v) continue;
+        if (print) install_plan_line(ctx, i);
+        if (e->action != 1 || o->dryrun || o->onlymeta || (only && !only[i])) continue;
+        res.pool_count = korl_partpool_items_count(ctx->data, e->poolname);
+        if (!write_element(ctx, i)) {
+            res.ok = 0;
+            return res;
+        }
+    }
+    return res;
+}
+
+}  // namespace
+
+uint64_t device_write_at(int fd, const uint8_t* p, uint64_t n, uint64_t at)
+{
+    uint64_t done = 0;
+    while (done < n) {
+        ssize_t r = ::pwrite(fd, p + done, n - done, static_cast<off_t>(at + done));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) {
+            if (r == 0) errno = ENOSPC;
+            break;
+        }
+        done += static_cast<uint64_t>(r);
+    }
+    return done;
+}
+
+void install_plan_line(const install_ctx* c, int i)
+{
+    const korm_element* e = &c->korm[i];
+    const velk_content_header* cp = content_of(c, e);
+    int len = cp ? static_cast<int>(sizeof cp->name) : 6;
+    log_console(LOG_INFO, "%i: name=%.*s action=%i velk_cidx=%i partinfo_idx=%i wts=%i\n", i,
+                len, cp ? cp->name : "<null>", static_cast<int>(e->action), e->cidx,
+                e->partinfo_idx, e->wts);
+}
+
+install_write_result install_write_out(install_ctx* ctx)
+{
+    return write_out(ctx, true, nullptr);
+}
+
+install_write_result install_write_selected(install_ctx* ctx, const uint8_t* only)
+{
+    return write_out(ctx, false, only);
+}
+
 // Reads the partition back; a partition whose recorded CRC is unknown
 // counts as written.
-bool verify_written(install_ctx* c, int i)
+bool install_verify_element(install_ctx* c, int i)
 {
     const korm_element* e = &c->korm[i];
     if (c->data->pinfometa[e->partinfo_idx].body_crc == 0) {
@@ -184,42 +233,13 @@ bool verify_written(install_ctx* c, int i)
     return false;
 }
 
-bool write_element(install_ctx* c, int i)
+void install_write_failed(install_ctx* c, int i)
 {
     const korm_element* e = &c->korm[i];
     const velk_content_header* cp = content_of(c, e);
-    bool known = e->partinfo_idx >= 0 && e->partinfo_idx < KORL_PARTINFOS;
-    if (cp && known) {
-        char device[32];
-        int pn = c->data->partinfo[e->partinfo_idx].pn;
-        zb_snprintf(device, sizeof device, "/dev/mmcblk0p%i", pn);
-        zb_printf("Writing out %u bytes of data to %s\n", cp->body_length, device);
-        if (write_device(device, cp, e->wts)) return verify_written(c, i);
-    }
     int len = cp ? static_cast<int>(sizeof cp->name) : 6;
     log_always(LOG_CRIT, "FAILED TO INSTALL %.*s INTO %i\n", len, cp ? cp->name : "<null>",
                e->partinfo_idx);
-    if (known) korl_partinfo_mark_meta_invalid(c->data, e->partinfo_idx);
-    return false;
-}
-
-}  // namespace
-
-install_write_result install_write_out(install_ctx* ctx)
-{
-    KOR_ASSERT("kor", ctx && ctx->options && ctx->data && ctx->parser);
-    const kor_options* o = ctx->options;
-    install_write_result res{1, 0};
-    for (int i = 0; i < KORL_KORM_ELEMENTS; ++i) {
-        const korm_element* e = &ctx->korm[i];
-        if (e->action != 1 && !o->v) continue;
-        print_plan_line(ctx, i);
-        if (e->action != 1 || o->dryrun || o->onlymeta) continue;
-        res.pool_count = korl_partpool_items_count(ctx->data, e->poolname);
-        if (!write_element(ctx, i)) {
-            res.ok = 0;
-            return res;
-        }
-    }
-    return res;
+    if (e->partinfo_idx >= 0 && e->partinfo_idx < KORL_PARTINFOS)
+        korl_partinfo_mark_meta_invalid(c->data, e->partinfo_idx);
 }
