@@ -93,6 +93,18 @@ bool image_seeds()
     ok &= put("install_receive", "file_cuts", split(0x30, cuts, late));
     ok &= put("install_receive", "url_range", split(0x2B, {120, 64, 3}, plain));
     ok &= put("install_receive", "url_late", split(0x2F, {9}, late));
+    ok &= put("velk_pass_parser", "one_piece", split(2, {}, plain));
+    ok &= put("velk_pass_parser", "cuts", split(2, cuts, plain));
+    ok &= put("velk_pass_parser", "skips", split(0xFF, {40}, plain));
+    ok &= put("velk_pass_parser", "bad_body", split(0, {13}, bad_body));
+    ok &= put("velk_pass_parser", "too_many_parts", split(2, {}, too_many));
+    ok &= put("install_stream", "file", split(0x24, {}, plain));
+    ok &= put("install_stream", "file_cuts", split(0x24, cuts, late));
+    ok &= put("install_stream", "no_ranges", split(0x25, {120, 64, 3}, plain));
+    ok &= put("install_stream", "changed", split(0x64, {9}, plain));
+    ok &= put("install_stream", "singleton",
+              split(0x26, {}, mkvelk::build_image(release("2,SAFEKNLS,0,-,-,-,1.0.1,1\n3,ROOTS,0,-,-,-,1.0.1,1\n"))));
+    ok &= put("install_stream", "held_too_big", split(0x36, {}, plain));
     ok &= put("install_receive", "korm_first",
               split(0x28, {}, mkvelk::build_image({mkvelk::korm(kKorm),
                                                    mkvelk::release_header(1, 0, 1, 0, "b", "")})));

@@ -8,6 +8,7 @@
 // header says it runs past the image's end, before any of its body arrives.
 #include "velk/velk_pass_parser.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -164,7 +165,8 @@ velk_pass_parser* velk_pass_parser_init(velk_pass_parser* p)
         p = static_cast<velk_pass_parser*>(std::calloc(1, sizeof *p));
         if (!p) return nullptr;
     }
-    std::memset(static_cast<void*>(p), 0, sizeof *p);
+    // The header buffer is filled before it is read: only the state is reset.
+    std::memset(static_cast<void*>(p), 0, offsetof(velk_pass_parser, header));
     p->status = 1;
     p->parse_state = PS_FILE_HEADER;
     p->allocated = allocate ? 1 : 0;
