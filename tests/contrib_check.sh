@@ -29,6 +29,7 @@ kor -v upgrade v|validate
 kor upgrade |activate validate test
 kor getpartset |0 1 2 active
 kor install rel.velk |-1 0 1 2
+kor install rel.velk 1 -st|-stream
 kor -cf|-cfg= -cfgbak=
 kor install rel.velk 1 -ce|-cert=
 kor partinfo 4 POOL 0x100 -p|-product= -platform= -pn=
