@@ -194,6 +194,9 @@ int stream_read_file(install_ctx* ctx)
         if (got == 0) return 0;
         if (got > 0) {
             s->resume_at = at + static_cast<uint64_t>(got);
+            // Read once: the image must not push what the running system
+            // keeps in the page cache out of a small memory.
+            (void)posix_fadvise(s->file_fd, static_cast<off_t>(at), got, POSIX_FADV_DONTNEED);
             size_t n = static_cast<size_t>(got);
             if (install_receive(s->window, 1, n, ctx) == n || ctx->state == INSTALL_STATE_SKIP)
                 continue;
