@@ -116,8 +116,6 @@ TEST(Stream, SameBytesAndHostconfigAsAnInstallHoldingTheImage)
         {"write type 3", {{"kernel", "KNLS", 1001, 3}, {"root", "ROOTS", (2 << 20) - 1, 3}}, {"1"}},
         {"empty body", {{"kernel", "KNLS", 0}, kAppl}, {"1"}},
         {"kept parts skipped", {kKernel, kRoot}, {"1"}, Source::file, {kKernel}},
-        {"-test", {kKernel}, {"1", "-test"}},
-        {"-noactivate", {kKernel}, {"1", "-noactivate"}},
         {"automatic set", {kKernel, kAppl}, {"-1"}},
         {"-dryrun", {kKernel}, {"1", "-dryrun"}},
         {"-onlymeta", {kKernel}, {"1", "-onlymeta"}},
