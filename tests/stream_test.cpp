@@ -355,6 +355,8 @@ TEST(Stream, PartsThatASetInUseNeedsAreWrittenLastFromMemory)
          {"1", "-f", "-velksize=65536"}, false, {}, 9,
          "install: content part 2 (70000 bytes) must be held in memory until the other parts are written, and does "
          "not fit -velksize=65536\n"},
+        {"-velksize below what the first reading holds", {kKernel, kRoot}, {"1", "-velksize=256"}, false, {}, 9,
+         "install: content part 3 needs 76 bytes in memory; -velksize=256 does not leave them\n"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

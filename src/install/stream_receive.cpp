@@ -58,7 +58,8 @@ uint8_t* hold_room(install_ctx* c, uint64_t n)
 velk_content_header* hold_part(install_ctx* c, int32_t k, const velk_content_header* h, bool body)
 {
     uint64_t need = h->hdr_length + (body ? padded(h->body_length) : 0);
-    uint8_t* room = hold_room(c, need > STREAM_HEADER_ROOM ? need : STREAM_HEADER_ROOM);
+    if (need < STREAM_HEADER_ROOM) need = STREAM_HEADER_ROOM;
+    uint8_t* room = hold_room(c, need);
     if (!room) {
         log_console(LOG_ERR,
                     "install: content part %d needs %llu bytes in memory; -velksize=%u does not "
