@@ -1,6 +1,7 @@
 // Streaming installs (-stream) on a sandboxed device: the same device bytes and hostconfig as an install that holds
 // the image, parts that could harm a set in use written last from memory, refusals before and after the first write.
 #include <arpa/inet.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <memory>
@@ -11,6 +12,7 @@
 #include "mkvelk.h"
 #include "support/hostconfig_decoder.h"
 #include "support/servers.h"
+#include "support/signing.h"
 
 using sandbox::bytes, sandbox::Device;
 using Args = std::vector<std::string>;
@@ -422,6 +424,58 @@ TEST(Stream, CutAtEveryWriteLeavesTheActiveSetAndARunAfterCompletes)
             }
             EXPECT_EQ(rerun(d, scene), "");
         }
+}
+
+// ---- Signed images ----
+
+// With a trusted key, each header is matched in the first reading and each body when its last byte has passed, before
+// it is read back or counts: a body that differs from what was signed (its CRC made to fit) stops the install after
+// the parts before it were written, and nothing is recorded; an image changed where the first reading sees it, or not
+// signed at all, is refused before anything is written.
+TEST(Stream, SignedPartsAreMatchedAsTheyPass)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const signing::Key& key = signing::old_key();
+    const signing::Release rel({&key}, "1.0.1", 1, {5001, (1 << 20) + 3, 3002});
+    signing::parts forged = rel.signed_parts, raised = rel.signed_parts;
+    bytes& root = forged[4].body;
+    const uint32_t crc = uint32_t(::crc32(0, root.data(), uInt(root.size())));
+    root[70000] ^= 1;
+    root = signing::forge_crc(root, 100000, crc);
+    raised[4].header_extra[1] ^= 1;  // the root's software version
+    const std::string stopped = "install: stopped before every part was written";
+    const struct { const char* name; bytes img; bool http; int status; std::string message; bool kernel_written; } rows[] = {
+        {"signed by a trusted key", rel.image(), false, 0, "install: signed by key " + key.id_hex, true},
+        {"signed, by http", rel.image(), true, 0, "install: signed by key " + key.id_hex, true},
+        {"a later body differs", mkvelk::build_image(forged), false, 15,
+         "install: content part 4 does not match the signed manifest\n", true},
+        {"a later body differs, by http", mkvelk::build_image(forged), true, 15,
+         "install: content part 4 does not match the signed manifest\n", true},
+        {"a later header differs", mkvelk::build_image(raised), false, 15,
+         "install: content part 4 does not match the signed manifest\n", false},
+        {"not signed", rel.unsigned_image(), true, 15, "install: image is not signed", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        static const servers::Release unused({64});
+        servers::World w(unused);
+        Device& d = w.dev;
+        d.write_file(sandbox::kEtcKor + "/keys/release.pub", key.pem);
+        d.write_file(w.file, signing::text(row.img));
+        std::unique_ptr<servers::Daemon> server;
+        if (row.http) server = std::make_unique<servers::Daemon>(w, "http");
+        const bytes hostconfig = d.read(Device::part(3), 0, 8192);
+        const sandbox::RunResult r = d.kor({"install", server ? server->url("img.velk") : w.file, "1", "-stream"});
+        EXPECT_EQ(r.status, row.status) << r.err;
+        EXPECT_NE(r.err.find(row.message), std::string::npos) << r.err;
+        EXPECT_EQ(r.err.find(stopped) != std::string::npos, row.status != 0 && row.kernel_written) << r.err;
+        EXPECT_EQ(d.read(Device::part(11), 0, 5001) == rel.body(3), row.kernel_written);
+        if (row.status == 0) {
+            EXPECT_EQ(d.kor({"verify", "1"}).status, 0);
+        } else {
+            EXPECT_EQ(d.read(Device::part(3), 0, 8192), hostconfig) << "the hostconfig changed";
+        }
+    }
 }
 
 }  // namespace

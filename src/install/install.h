@@ -93,6 +93,10 @@ int source_is_url(const char* source, char scheme[10]);
 // The signature check of what the parser has taken so far; false when the
 // image is refused (message logged).
 [[nodiscard]] bool install_check_signature(install_ctx* ctx);
+// The verdict `r` of one step of the check (velk_sig_*): true to go on (a
+// manifest that verified in this step is logged), false when the image is
+// refused (message logged).
+[[nodiscard]] bool install_signature_verdict(install_ctx* ctx, int r);
 // The image is complete: every part of the manifest arrived. Same results.
 [[nodiscard]] bool install_check_signature_end(install_ctx* ctx);
 // 0, or the exit status of a refusal by the signature check.

@@ -98,7 +98,12 @@ int install_load_keys(install_ctx* ctx, velk_keyring* ring)
 bool install_check_signature(install_ctx* ctx)
 {
     if (ctx->keys == nullptr) return true;
-    const int r = velk_sig_check_step(&ctx->sig, ctx->parser);
+    return install_signature_verdict(ctx, velk_sig_check_step(&ctx->sig, ctx->parser));
+}
+
+bool install_signature_verdict(install_ctx* ctx, int r)
+{
+    if (ctx->keys == nullptr) return true;
     if (r == VELK_SIG_VERIFIED) {
         char id[2 * VELK_SIG_KEY_ID_SIZE + 1];
         const velk_key& k = ctx->keys->keys[ctx->sig.key];

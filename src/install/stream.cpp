@@ -178,9 +178,13 @@ int stream_first_pass(install_ctx* ctx, hostconfig* hc, const char* source)
         if (r == 0) r = stream_read_file(ctx);
     }
     if (r != 0) return r;
-    if (s->parser->status == 3) return 0;
-    log_console(LOG_ERR, "install: incomplete VELK\n");
-    return 9;
+    if (s->parser->status != 3) {
+        log_console(LOG_ERR, "install: incomplete VELK\n");
+        return 9;
+    }
+    if (!install_signature_verdict(ctx, velk_sig_stream_end(&ctx->sig, s->count)))
+        return install_signature_status(ctx);
+    return 0;
 }
 
 int stream_read_file(install_ctx* ctx)

@@ -44,6 +44,21 @@ bool refuse(install_ctx* c, int status)
     return stop(c, INSTALL_STATE_FAILED);
 }
 
+// One step of the signature check (a no-op without keys); a refusal ends
+// the install with the check's status.
+bool signature(install_ctx* c, int r)
+{
+    return install_signature_verdict(c, r) || refuse(c, install_signature_status(c));
+}
+
+// A body held whole, against the signed manifest.
+bool signed_body(install_ctx* c, int32_t k, const velk_content_header* cp)
+{
+    const uint8_t* body = reinterpret_cast<const uint8_t*>(cp) + cp->hdr_length;
+    return signature(c, velk_sig_stream_body(&c->sig, k, body, cp->body_length)) &&
+           signature(c, velk_sig_stream_body_end(&c->sig, k));
+}
+
 // Room for n bytes in the held area, on an 8-byte boundary; null when what
 // -velksize allows is used up.
 uint8_t* hold_room(install_ctx* c, uint64_t n)
@@ -120,6 +135,9 @@ bool first_header(install_ctx* c, const velk_pass_event& ev, size_t left)
     s->whole[k] = whole;
     s->offset[k] = s->parser->position - ev.length;
     s->count = k + 1;
+    // Nothing acts on a part (late decision, skip, plan) before the
+    // signature check has matched its header.
+    if (!signature(c, velk_sig_stream_header(&c->sig, k, s->parts[k]))) return false;
     examine_header(c, k);
     return whole || pass_over(c, left);
 }
@@ -130,6 +148,10 @@ bool first_body_end(install_ctx* c, const velk_pass_event& ev)
     const int32_t k = ev.part;
     if (!s->whole[k]) return true;
     const velk_content_header* cp = s->parts[k];
+    // Part 0, read before the manifest, is matched when the manifest is.
+    if (k == VELK_SIG_PART && !signature(c, velk_sig_stream_manifest(&c->sig, cp, s->parts[0])))
+        return false;
+    if (k > VELK_SIG_PART && !signed_body(c, k, cp)) return false;
     if (cp->type_id == VELK_TYPE_RELEASE_HEADER)
         c->release_header = reinterpret_cast<const korl_rhdr*>(
             reinterpret_cast<const uint8_t*>(cp) + VELK_CONTENT_HEADER_SIZE);
@@ -168,18 +190,27 @@ bool second_header(install_ctx* c, const velk_pass_event& ev, size_t left)
     }
 }
 
+// The second reading's parts: written, or read into memory for the end.
+bool fetched(stream_use u) { return u == stream_use::write || u == stream_use::hold; }
+
+void keep(install_stream* s, const velk_pass_event& ev)
+{
+    uint8_t* at = reinterpret_cast<uint8_t*>(s->parts[ev.part]) + s->parts[ev.part]->hdr_length + ev.at;
+    std::memcpy(at, ev.data, ev.length);
+}
+
 bool body(install_ctx* c, const velk_pass_event& ev)
 {
     install_stream* s = c->stream;
     const int32_t k = ev.part;
-    const bool into_memory = s->pass == 1 ? s->whole[k] : s->use[k] == stream_use::hold;
-    if (into_memory) {
-        uint8_t* at = reinterpret_cast<uint8_t*>(s->parts[k]) + s->parts[k]->hdr_length + ev.at;
-        std::memcpy(at, ev.data, ev.length);
+    if (s->pass == 1) {
+        if (s->whole[k]) keep(s, ev);
         return true;
     }
-    if (s->pass == 2 && s->use[k] == stream_use::write)
-        return stream_sink_body(c, ev.data, ev.length) || refuse(c, 1);
+    if (!fetched(s->use[k])) return true;
+    if (!signature(c, velk_sig_stream_body(&c->sig, k, ev.data, ev.length))) return false;
+    if (s->use[k] == stream_use::write) return stream_sink_body(c, ev.data, ev.length) || refuse(c, 1);
+    keep(s, ev);
     return true;
 }
 
@@ -187,6 +218,9 @@ bool second_body_end(install_ctx* c, const velk_pass_event& ev)
 {
     install_stream* s = c->stream;
     const int32_t k = ev.part;
+    // A body that does not match what was signed is never read back, and
+    // the install records nothing.
+    if (fetched(s->use[k]) && !signature(c, velk_sig_stream_body_end(&c->sig, k))) return false;
     if (s->use[k] == stream_use::write && !stream_sink_end(c, k)) return refuse(c, 1);
     if (s->use[k] == stream_use::hold) s->whole[k] = true;
     return k < s->last || stop(c, INSTALL_STATE_DONE);

@@ -64,9 +64,9 @@ const velk_content_header* header_at(const velk_stream_parser* p, int32_t k)
     return pending ? p->current : nullptr;
 }
 
-int verify_manifest(velk_sig_check* c, velk_stream_parser* p)
+// Part 1, header and body in one piece: its manifest against the trusted keys.
+int verify_manifest_part(velk_sig_check* c, const velk_content_header* h)
 {
-    const velk_content_header* h = p->parts[VELK_SIG_PART];
     const auto* sig = reinterpret_cast<const velk_signature_content*>(h);
     velk_manifest m{};
     if (velk_manifest_parse(bytes_of(h) + h->hdr_length, h->body_length, sig->algorithm_id, &m) !=
@@ -82,6 +82,13 @@ int verify_manifest(velk_sig_check* c, velk_stream_parser* p)
     c->manifest = m;  // kept either way: the refusal names the image's key ids
     if (c->key < 0) return refuse(c, VELK_SIG_ERR_UNTRUSTED, VELK_SIG_PART);
     c->verdict = 1;
+    return VELK_SIG_VERIFIED;
+}
+
+int verify_manifest(velk_sig_check* c, velk_stream_parser* p)
+{
+    int r = verify_manifest_part(c, p->parts[VELK_SIG_PART]);
+    if (r != VELK_SIG_VERIFIED) return r;
     p->info[VELK_SIG_PART].covered_by_signature = 1;
     p->info[VELK_SIG_PART].validated_by_signature = 1;
     return VELK_SIG_VERIFIED;
@@ -104,19 +111,25 @@ int check_signature_part(velk_sig_check* c, velk_stream_parser* p)
     return verify_manifest(c, p);
 }
 
-int check_header(velk_sig_check* c, velk_stream_parser* p, int32_t k)
+// Header k (null: left out) against its entry of the verified manifest.
+int match_header(velk_sig_check* c, int32_t k, const velk_content_header* h)
 {
-    c->headers_checked = k + 1;
-    if (k == VELK_SIG_PART) return VELK_SIG_OK;
     const velk_manifest_entry* e = velk_manifest_entry_of(&c->manifest, k);
     if (e == nullptr) return refuse(c, VELK_SIG_ERR_NOT_LISTED, k);
-    const velk_content_header* h = header_at(p, k);
     if (h == nullptr || h->type_id != e->type_id || h->body_length != e->body_length)
         return refuse(c, VELK_SIG_ERR_MISMATCH, k);
     uint8_t digest[KOR_SHA256_SIZE];
     if (!sha256_of(h, h->hdr_length, digest)) return refuse(c, VELK_SIG_ERR_CRYPTO, k);
     if (std::memcmp(digest, e->header_sha256, sizeof digest) != 0)
         return refuse(c, VELK_SIG_ERR_MISMATCH, k);
+    return VELK_SIG_OK;
+}
+
+int check_header(velk_sig_check* c, velk_stream_parser* p, int32_t k)
+{
+    c->headers_checked = k + 1;
+    if (k == VELK_SIG_PART) return VELK_SIG_OK;
+    if (match_header(c, k, header_at(p, k)) != VELK_SIG_OK) return c->verdict;
     p->info[k].covered_by_signature = 1;
     return VELK_SIG_OK;
 }
@@ -135,6 +148,19 @@ int hash_body(velk_sig_check* c, int32_t k, const uint8_t* body, uint32_t upto)
     return VELK_SIG_OK;
 }
 
+// The running hash, which holds the whole body of part k, against its entry.
+int match_body(velk_sig_check* c, int32_t k)
+{
+    const velk_manifest_entry* e = velk_manifest_entry_of(&c->manifest, k);
+    if (e == nullptr) return refuse(c, VELK_SIG_ERR_NOT_LISTED, k);
+    if (c->hash_part != k && hash_body(c, k, nullptr, 0) != VELK_SIG_OK) return c->verdict;
+    uint8_t digest[KOR_SHA256_SIZE];
+    c->hash_part = -1;
+    if (!sha256_final(&c->sha, digest)) return refuse(c, VELK_SIG_ERR_CRYPTO, k);
+    if (std::memcmp(digest, e->body_sha256, sizeof digest) != 0) return refuse(c, VELK_SIG_ERR_MISMATCH, k);
+    return VELK_SIG_OK;
+}
+
 int check_body(velk_sig_check* c, velk_stream_parser* p, int32_t k)
 {
     c->bodies_checked = k + 1;
@@ -146,13 +172,9 @@ int check_body(velk_sig_check* c, velk_stream_parser* p, int32_t k)
         c->hash_part = -1;
         return VELK_SIG_OK;
     }
-    const velk_manifest_entry* e = velk_manifest_entry_of(&c->manifest, k);
-    if (e == nullptr) return refuse(c, VELK_SIG_ERR_NOT_LISTED, k);
+    if (velk_manifest_entry_of(&c->manifest, k) == nullptr) return refuse(c, VELK_SIG_ERR_NOT_LISTED, k);
     if (hash_body(c, k, bytes_of(h) + h->hdr_length, h->body_length) != VELK_SIG_OK) return c->verdict;
-    uint8_t digest[KOR_SHA256_SIZE];
-    c->hash_part = -1;
-    if (!sha256_final(&c->sha, digest)) return refuse(c, VELK_SIG_ERR_CRYPTO, k);
-    if (std::memcmp(digest, e->body_sha256, sizeof digest) != 0) return refuse(c, VELK_SIG_ERR_MISMATCH, k);
+    if (match_body(c, k) != VELK_SIG_OK) return c->verdict;
     p->info[k].validated_by_signature = 1;
     return VELK_SIG_OK;
 }
@@ -275,4 +297,65 @@ const velk_manifest_entry* velk_sig_entry(const velk_sig_check* c, int32_t part)
 void velk_sig_check_release(velk_sig_check* c)
 {
     if (c != nullptr) sha256_release(&c->sha);
+}
+
+int velk_sig_stream_header(velk_sig_check* c, int32_t part, const velk_content_header* h)
+{
+    KOR_ASSERT(MODULE, c != nullptr && h != nullptr && part >= 0);
+    if (!active(c)) return VELK_SIG_GO_ON;
+    if (c->verdict < 0) return c->verdict;
+    if (part == VELK_SIG_PART) {
+        if (h->hdr_length >= sizeof(velk_signature_content))
+            c->algorithm = reinterpret_cast<const velk_signature_content*>(h)->algorithm_id;
+        int r = velk_sig_check_header(h);
+        return r == VELK_SIG_OK ? VELK_SIG_GO_ON : refuse(c, r, VELK_SIG_PART);
+    }
+    if (c->verdict == 0) return part == 0 ? VELK_SIG_GO_ON : refuse(c, VELK_SIG_ERR_NOT_SIGNED, part);
+    return match_header(c, part, h) == VELK_SIG_OK ? VELK_SIG_GO_ON : c->verdict;
+}
+
+int velk_sig_stream_manifest(velk_sig_check* c, const velk_content_header* part1,
+                             const velk_content_header* part0)
+{
+    KOR_ASSERT(MODULE, c != nullptr && part1 != nullptr && part0 != nullptr);
+    if (!active(c)) return VELK_SIG_GO_ON;
+    if (c->verdict != 0) return c->verdict < 0 ? c->verdict : VELK_SIG_GO_ON;
+    int r = verify_manifest_part(c, part1);
+    if (r != VELK_SIG_VERIFIED) return r;
+    // Part 0 came before the manifest; it is matched now.
+    if (match_header(c, 0, part0) != VELK_SIG_OK) return c->verdict;
+    if (hash_body(c, 0, bytes_of(part0) + part0->hdr_length, part0->body_length) != VELK_SIG_OK ||
+        match_body(c, 0) != VELK_SIG_OK)
+        return c->verdict;
+    return VELK_SIG_VERIFIED;
+}
+
+int velk_sig_stream_body(velk_sig_check* c, int32_t part, const uint8_t* data, uint32_t n)
+{
+    KOR_ASSERT(MODULE, c != nullptr && (data != nullptr || n == 0));
+    if (!active(c) || part == VELK_SIG_PART) return VELK_SIG_GO_ON;
+    if (c->verdict < 0) return c->verdict;
+    if (c->hash_part != part && hash_body(c, part, nullptr, 0) != VELK_SIG_OK) return c->verdict;
+    if (n > 0 && !sha256_update(&c->sha, data, n)) return refuse(c, VELK_SIG_ERR_CRYPTO, part);
+    c->hashed += n;
+    return VELK_SIG_GO_ON;
+}
+
+int velk_sig_stream_body_end(velk_sig_check* c, int32_t part)
+{
+    KOR_ASSERT(MODULE, c != nullptr);
+    if (!active(c) || part == VELK_SIG_PART) return VELK_SIG_GO_ON;
+    if (c->verdict < 0) return c->verdict;
+    if (c->verdict == 0) return refuse(c, VELK_SIG_ERR_NOT_SIGNED, part);
+    return match_body(c, part) == VELK_SIG_OK ? VELK_SIG_GO_ON : c->verdict;
+}
+
+int velk_sig_stream_end(velk_sig_check* c, int32_t parts)
+{
+    KOR_ASSERT(MODULE, c != nullptr);
+    if (!active(c)) return VELK_SIG_OK;
+    if (c->verdict < 0) return c->verdict;
+    if (c->verdict != 1) return refuse(c, VELK_SIG_ERR_NOT_SIGNED, -1);
+    if (parts < static_cast<int32_t>(c->manifest.entry_count) + 1) return refuse(c, VELK_SIG_ERR_MISSING, parts);
+    return VELK_SIG_OK;
 }

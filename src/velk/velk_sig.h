@@ -193,3 +193,17 @@ void velk_sig_check_init(velk_sig_check* c, const velk_keyring* keys);
 // no such entry).
 const velk_manifest_entry* velk_sig_entry(const velk_sig_check* c, int32_t part);
 void velk_sig_check_release(velk_sig_check* c);
+
+// The same check for an image that is never held whole (an install with
+// -stream), driven by the caller part by part with GO_ON, VERIFIED or a
+// refusal as above. A header as soon as it passed the parser's check (part
+// 1's shape; part 0 waits for the manifest); part 1, held whole, verifies
+// the manifest and matches part 0, held whole before it; a body's bytes as
+// they pass, and its end before anything is done with it. stream_end once
+// every header was read: the manifest verified, none of its parts missing.
+[[nodiscard]] int velk_sig_stream_header(velk_sig_check* c, int32_t part, const velk_content_header* h);
+[[nodiscard]] int velk_sig_stream_manifest(velk_sig_check* c, const velk_content_header* part1,
+                                           const velk_content_header* part0);
+[[nodiscard]] int velk_sig_stream_body(velk_sig_check* c, int32_t part, const uint8_t* data, uint32_t n);
+[[nodiscard]] int velk_sig_stream_body_end(velk_sig_check* c, int32_t part);
+[[nodiscard]] int velk_sig_stream_end(velk_sig_check* c, int32_t parts);
