@@ -409,10 +409,11 @@ TEST(Stream, CutAtEveryWriteLeavesTheActiveSetAndARunAfterCompletes)
         for (const auto& [n, b] : saved) d.write(Device::part(n), 0, b);
         for (const char* f : {"/tmp/kor.lock", "/tmp/kor.autoset", "/tmp/kor.activeset"}) unlink(f);
     };
-    const Args args{"install", scene.file, "1", "-noactivate", "-stream"};
+    const Args args{"install", scene.file, "1", "-stream"};
     std::vector<std::string> writes;
     ASSERT_EQ(cut_run(d, args, 0, -1, &writes), 0);
     const std::string kd_new = kor_data(d);
+    ASSERT_NE(kd_new.find("actset=1\n"), std::string::npos) << kd_new;
     ASSERT_GT(writes.size(), 6u);
     for (size_t k = 1; k <= writes.size(); ++k)
         for (long torn : {-1L, 100L}) {
