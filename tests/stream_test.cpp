@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "mkvelk.h"
+#include "support/cli_case.h"
 #include "support/hostconfig_decoder.h"
 #include "support/servers.h"
 #include "support/signing.h"
@@ -481,6 +482,78 @@ TEST(Stream, SignedPartsAreMatchedAsTheyPass)
         } else {
             EXPECT_EQ(d.read(Device::part(3), 0, 8192), hostconfig) << "the hostconfig changed";
         }
+    }
+}
+
+// ---- Partitions checked before the first write ----
+
+// A streaming install of a kernel and a root of `root` bytes written with `wts`; the root goes to p13.
+class Target : public cli::Builder<Target> {
+public:
+    Target(std::string name, size_t root, int wts = 1) : Builder(std::move(name))
+    {
+        args("1 -stream");
+        given("image with a root of " + std::to_string(root) + " bytes, write type " + std::to_string(wts),
+              [root, wts](cli::Setup& s) {
+                  const bytes img = image({kKernel, {"root", "ROOTS", root, wts}});
+                  const std::string path = s.dev.workdir() + "/img.velk";
+                  s.dev.write_file(path, std::string(img.begin(), img.end()));
+                  s.args.insert(s.args.begin() + 1, path);
+              });
+    }
+    Target& no_node()
+    {
+        return given("no node for p13", [](cli::Setup&) { unlink(Device::part(13).c_str()); });
+    }
+    Target& regular_file()
+    {
+        return given("a regular file as p13", [](cli::Setup& s) {
+            unlink(Device::part(13).c_str());
+            s.dev.write_file(Device::part(13), "not a partition");
+        });
+    }
+    Target& partition_of(uint64_t size)
+    {
+        return given("p13 of " + std::to_string(size) + " bytes", [size](cli::Setup& s) { s.dev.add_partition(13, size); });
+    }
+    Target& still_no_node()
+    {
+        return expect("p13 still absent", [](const cli::Outcome& o) {
+            return o.dev.exists(Device::part(13)) ? "kor created it" : "";
+        });
+    }
+    Target& file_kept()
+    {
+        return expect("the regular file as it was", [](const cli::Outcome& o) {
+            const std::string text = o.dev.read_file(Device::part(13));
+            return text == "not a partition" ? "" : "it holds \"" + text.substr(0, 40) + "\"";
+        });
+    }
+};
+
+TEST(Stream, TargetPartitionsAreCheckedBeforeTheFirstWrite)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const std::string p13 = Device::part(13);
+    // The root part's header, which write type 2 puts in front of the body.
+    const bytes probe = image({kKernel, {"root", "ROOTS", 4096, 2}});
+    const size_t header = probe[part_offsets(probe)[3] + 6] | probe[part_offsets(probe)[3] + 7] << 8;
+    const Target rows[] = {
+        Target("no partition node", 4096).no_node().status(17)
+            .stderr_has("install: partition " + p13 + " does not exist\n").device_unchanged().still_no_node(),
+        Target("a regular file in place of the partition", 4096).regular_file().status(17)
+            .stderr_has("install: " + p13 + " is not a block device\n").device_unchanged().file_kept(),
+        Target("one byte too small", (1 << 20) + 1).partition_of(1 << 20).status(17)
+            .stderr_has("install: " + p13 + " holds 1048576 bytes, 1048577 are to be written\n").device_unchanged(),
+        Target("one byte too small for header and body", (1 << 20) + 1 - header, 2).partition_of(1 << 20).status(17)
+            .stderr_has("install: " + p13 + " holds 1048576 bytes, 1048577 are to be written\n").device_unchanged(),
+        Target("exactly large enough", 1 << 20).partition_of(1 << 20).status(0)
+            .stdout_has("Writing out 1048576 bytes of data to " + p13 + "\n").stored("set[1].refs", "11,13"),
+    };
+    for (const Target& row : rows) {
+        Device d;
+        d.with_default_layout();
+        cli::run(row, d, {"install"});
     }
 }
 
