@@ -433,6 +433,28 @@ TEST(Stream, CutAtEveryWriteLeavesTheActiveSetAndARunAfterCompletes)
         }
 }
 
+// A partition that fails its writes (EIO, a worn-out medium) while the root streams into it: the kernel and appl
+// before it are written, nothing is recorded, and a run on a sound medium installs.
+TEST(Stream, AFailedWriteWhileStreamingRecordsNothing)
+{
+    KOR_SANDBOX_OR_SKIP();
+    static const servers::Release unused({64});
+    servers::World w(unused);
+    Device& d = w.dev;
+    const Scene scene = set_scene(d);
+    const char* asan = std::getenv("ASAN_OPTIONS");  // the preload comes before ASan's runtime
+    const auto o = sandbox::RunOptions().set("LD_PRELOAD", d.stage(KOR_PRELOAD_kill_after_writes))
+        .set("KOR_FAIL_WRITES_TO", Device::part(13))
+        .set("ASAN_OPTIONS", std::string(asan ? asan : "") + ":verify_asan_link_order=0");
+    const sandbox::RunResult r = d.kor({"install", scene.file, "1", "-stream"}, o);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.out.find("Writing out 4096 bytes of data to " + Device::part(14)), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find("Could not fwrite to " + Device::part(13) + ", errno=5"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("install: stopped before every part was written"), std::string::npos) << r.err;
+    EXPECT_EQ(harm(d, scene), "");
+    EXPECT_EQ(rerun(d, scene), "");
+}
+
 // ---- Signed images ----
 
 // With a trusted key, each header is matched in the first reading and each body when its last byte has passed, before
