@@ -51,11 +51,14 @@ Screen read_screen(const std::string& raw)
 TEST(ProgressTest, DrawnOnATerminalOnly)
 {
     KOR_SANDBOX_OR_SKIP();
-    // The source, whether the release is in set 1 already, and what some drawn line shows.
-    const struct { const char* name; bool http, installed; std::string shows; } cases[] = {
+    // The source, whether the release is in set 1 already, what some drawn line shows, and -stream (both its readings
+    // draw the line).
+    const struct { const char* name; bool http, installed; std::string shows; bool stream = false; } cases[] = {
         {"file", false, false, "part sw"},
         {"http, paced", true, false, "part sw"},
         {"http, again: every body skipped", true, true, "skipped 3"},
+        {"file, -stream", false, false, "part sw", true},
+        {"http, paced, -stream", true, false, "part sw", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -67,7 +70,9 @@ TEST(ProgressTest, DrawnOnATerminalOnly)
             auto nginx = c.http ? std::make_unique<servers::Daemon>(w, "http", "limit_rate 2m;\n") : nullptr;
             ASSERT_TRUE(!nginx || nginx->pid) << nginx->error;
             const std::string source = nginx ? nginx->url("img.velk") : w.file;
-            auto r = w.dev.kor({"install", source, "1"}, sandbox::RunOptions().err_tty(tty));
+            std::vector<std::string> args{"install", source, "1"};
+            if (c.stream) args.push_back("-stream");
+            auto r = w.dev.kor(args, sandbox::RunOptions().err_tty(tty));
             ASSERT_EQ(r.status, 0) << r.err;
             std::string log = r.log_text();
             const size_t port = log.find(source);  // the only text that differs from run to run

@@ -53,6 +53,7 @@ struct install_stream {
     uint64_t asked_from;  // a URL source: the offset the running request asked for
     bool answered;        // its answer has been looked at
     uint64_t received;    // bytes from the source over both passes
+    int32_t skips;        // bodies passed over without being read
     int32_t failure;      // status a failure inside the receiver asks for; 0: the source's
     uint8_t file_header[VELK_FILE_HEADER_BYTES];
     int32_t count;        // content parts of the image
@@ -112,6 +113,8 @@ install_write_result stream_write_out(install_run* run);
 void stream_release(install_ctx* ctx);
 // The receiver's side, called by install_receive for every piece.
 size_t stream_receive(install_ctx* c, const uint8_t* data, size_t n);
+// Draws the progress line of the reading under way (a terminal only).
+void stream_progress(const install_ctx* c);
 // Reads a file source from s->resume_at on, piece after piece, into the
 // receiver, following its skips. 0 when the receiver has what it wanted,
 // else the install's exit status.

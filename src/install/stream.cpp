@@ -10,6 +10,7 @@
 #include "base/console.h"
 #include "base/fileutil.h"
 #include "base/options.h"
+#include "base/progress.h"
 #include "install/install_steps.h"
 
 namespace {
@@ -133,7 +134,9 @@ int second_pass(install_ctx* c)
         velk_pass_parser_restart(s->parser);
         s->resume_at = 0;
     }
+    progress_start();
     int r = s->url ? stream_read_url(c) : stream_read_file(c);
+    progress_end();
     if (r != 0) return r;
     if (c->state == INSTALL_STATE_DONE) return 0;
     log_console(LOG_ERR, "install: incomplete VELK\n");
@@ -171,12 +174,14 @@ int stream_first_pass(install_ctx* ctx, hostconfig* hc, const char* source)
     ctx->buffer_size = ctx->options->velksize;
     ctx->buffer_fill = 0;
     int r;
+    progress_start();
     if (s->url) {
         r = transfer_url(ctx, hc, source, s->scheme);
     } else {
         r = open_file(s, source);
         if (r == 0) r = stream_read_file(ctx);
     }
+    progress_end();
     if (r != 0) return r;
     if (s->parser->status != 3) {
         log_console(LOG_ERR, "install: incomplete VELK\n");

@@ -8,6 +8,7 @@
 
 #include "base/console.h"
 #include "base/options.h"
+#include "base/progress.h"
 #include "install/install_steps.h"
 
 namespace {
@@ -120,6 +121,7 @@ bool pass_over(install_ctx* c, size_t left)
     uint64_t next = velk_pass_parser_skip(s->parser);
     if (s->parser->status == 3) return stop(c, INSTALL_STATE_DONE);
     s->resume_at = next;
+    s->skips++;
     zb_snprintf(c->range, sizeof c->range, "%llu-", static_cast<unsigned long long>(next));
     return stop(c, INSTALL_STATE_SKIP);
 }
@@ -295,7 +297,29 @@ size_t stream_receive(install_ctx* c, const uint8_t* data, size_t n)
             c->state = INSTALL_STATE_FAILED;
             return n + 1;
         }
-        if (r == VELK_PASS_MORE) return n;
-        if (!on_event(c, ev, left)) return n + 1;
+        if (r == VELK_PASS_MORE) {
+            stream_progress(c);
+            return n;
+        }
+        if (!on_event(c, ev, left)) {
+            if (c->state == INSTALL_STATE_SKIP) stream_progress(c);
+            return n + 1;
+        }
     }
+}
+
+void stream_progress(const install_ctx* c)
+{
+    const install_stream* s = c->stream;
+    const velk_pass_parser* p = s->parser;
+    progress_state st{};
+    st.bytes = s->received;
+    st.position = p->position;
+    st.total = p->status >= 2 ? p->end : s->size;
+    if (velk_pass_parser_in_body(p)) {
+        st.part = velk_pass_parser_header(p)->name;
+        st.part_size = sizeof velk_pass_parser_header(p)->name;
+    }
+    st.skips = s->skips;
+    progress_update(st);
 }

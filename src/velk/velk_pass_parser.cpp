@@ -235,3 +235,9 @@ const velk_content_header* velk_pass_parser_header(const velk_pass_parser* p)
     PP_ASSERT(p != nullptr);
     return current(p);
 }
+
+bool velk_pass_parser_in_body(const velk_pass_parser* p)
+{
+    PP_ASSERT(p != nullptr);
+    return p->status == 2 && p->parse_state == PS_BODY;
+}

@@ -81,3 +81,5 @@ uint64_t velk_pass_parser_skip(velk_pass_parser* p);
 void velk_pass_parser_seek(velk_pass_parser* p, int32_t index, uint64_t offset);
 
 const velk_content_header* velk_pass_parser_header(const velk_pass_parser* p);
+// The header of the part being parsed is in: its body (or padding) comes next.
+bool velk_pass_parser_in_body(const velk_pass_parser* p);
