@@ -318,6 +318,24 @@ TEST(Stream, RefusedImageLeavesTheActiveSetAndRecord)
     }
 }
 
+// With -retries=, a connection dropped in the second reading is resumed from the first byte not yet received: the
+// part in flight goes on into its partition and the install completes.
+TEST(Stream, ADroppedConnectionResumesWithRetries)
+{
+    KOR_SANDBOX_OR_SKIP();
+    const bytes good = image(kScenario, 2);
+    const size_t kernel_at = part_offsets(good)[2], dropped_at = kernel_at + (good.size() - kernel_at) / 2;
+    static const servers::Release unused({64});
+    servers::World w(unused);
+    set_scene(w.dev);
+    RangeServer server(good, {}, Fault::drop, kernel_at);
+    const sandbox::RunResult r = w.dev.kor({"install", server.url("img.velk"), "1", "-stream", "-retries=1"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("; retry 1 of 1 in 1 s from byte " + std::to_string(dropped_at) + "\n"), std::string::npos)
+        << r.err;
+    EXPECT_EQ(w.dev.kor({"verify", "1"}).status, 0);
+}
+
 // ---- Parts held in memory; interruption at every write ----
 
 constexpr int kKilled = 9 + 63;  // the parent's status for a worker killed by SIGKILL
