@@ -1,6 +1,10 @@
-// Preloaded into kor by the interruption tests: counts device writes (under /dev/), kills the process at a chosen one.
+// Preloaded into kor by the interruption tests: counts device writes (block devices under /dev/), kills the process
+// at a chosen one.
 //   KOR_KILL_AFTER_WRITES=k  SIGKILL right after the k-th device write
 //   KOR_TORN_BYTES=b         ... which hands over only its first b bytes (-1: all)
+//   KOR_KILL_DEVICES="p ..." count only writes to these device paths
+//   KOR_KILL_MARK=text       instead of dying, write the text to /dev/console and stop there: on the emulated
+//                            device the suite reads the line and cuts the power
 //   KOR_WRITE_LOG=path       append "path length" for every device write
 //   KOR_FAIL_WRITES_TO=path  every write to that device fails with EIO, as a worn-out or pulled medium's would
 //   KOR_UNLINK_DELAY_MS=ms   sleep before removing a file named kor.lock, after creating KOR_UNLINK_MARK
@@ -12,6 +16,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -24,8 +29,20 @@ namespace {
 
 long env_number(const char* name) { const char* v = std::getenv(name); return v && *v ? std::atol(v) : -1; }
 
+// A path in the space-separated list KOR_KILL_DEVICES, or any path when it is not set.
+bool counted(const char* path)
+{
+    const char* list = std::getenv("KOR_KILL_DEVICES");
+    if (!list || !*list) return true;
+    for (const char* at = list; (at = std::strstr(at, path)) != nullptr; at++) {
+        const char end = at[std::strlen(path)];
+        if ((at == list || at[-1] == ' ') && (end == ' ' || end == '\0')) return true;
+    }
+    return false;
+}
+
 // Before a write of `length` bytes on `fd`: how many bytes to let through, and whether to die after. Pipes,
-// files, /dev/null and terminals are not devices.
+// files, /dev/null, terminals and consoles are not devices.
 size_t admit(int fd, size_t length, bool* die)
 {
     static const long kill_after = env_number("KOR_KILL_AFTER_WRITES"), torn = env_number("KOR_TORN_BYTES");
@@ -36,13 +53,13 @@ size_t admit(int fd, size_t length, bool* die)
     ssize_t n = readlink(link, path, sizeof path - 1);
     path[n > 0 ? n : 0] = '\0';
     *die = false;
-    if (std::strncmp(path, "/dev/", 5) != 0 || !std::strcmp(path, "/dev/null") || !std::strncmp(path, "/dev/pts/", 9))
-        return length;
+    struct stat st;
+    if (std::strncmp(path, "/dev/", 5) != 0 || fstat(fd, &st) != 0 || !S_ISBLK(st.st_mode)) return length;
     if (int logfd = log && *log ? open(log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600) : -1; logfd >= 0) {
         (void)syscall(SYS_write, logfd, line, size_t(std::snprintf(line, sizeof line, "%s %zu\n", path, length)));
         close(logfd);
     }
-    *die = ++count == kill_after;
+    *die = counted(path) && ++count == kill_after;
     return *die && torn >= 0 && size_t(torn) < length ? size_t(torn) : length;
 }
 
@@ -59,7 +76,17 @@ bool failing(int fd)
 }
 
 // The kernel keeps what was handed to it, as when a process is killed.
-[[noreturn]] void die_now() { raise(SIGKILL), _exit(137); }
+[[noreturn]] void die_now()
+{
+    if (const char* mark = std::getenv("KOR_KILL_MARK"); mark && *mark) {
+        char line[200];
+        int n = std::snprintf(line, sizeof line, "\n%s\n", mark);
+        int con = open("/dev/console", O_WRONLY | O_CLOEXEC);
+        (void)syscall(SYS_write, con, line, size_t(n));
+        for (;;) pause();
+    }
+    raise(SIGKILL), _exit(137);
+}
 
 template <typename F> F* real(F*, const char* name) { return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name)); }
 
