@@ -37,7 +37,7 @@ ROWS
   ;;
 uboot)
   script="$src/contrib/u-boot/kor-boot.cmd"
-  for w in 'KORSET=SAFESET' 'KORSET=SET${korset}' '0x1ff' 'mmc write'; do grep -qF "$w" "$script" || fail "kor-boot.cmd lacks '$w'"; done
+  for w in 'kor_sn SAFESET' 'KORSET=${kor_booting}' '0x1ff' '${kor_iface} write' '0x20524f4b'; do grep -qF "$w" "$script" || fail "kor-boot.cmd lacks '$w'"; done
   have mkimage || exit 77
   mkimage -A arm -T script -C none -n "kor boot" -d "$script" "$work/kor-boot.scr" >/dev/null || fail "mkimage could not compile kor-boot.cmd"
   mkimage -l "$work/kor-boot.scr" | grep -q 'ARM Linux Script' || fail "kor-boot.scr is no ARM script" ;;
