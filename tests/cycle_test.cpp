@@ -123,6 +123,8 @@ private:
 const std::string kCmdlineSet1 = "console=ttyS0 KORSET=SET1 root=/dev/mmcblk0p13", kCmdlineSet2 = "ro KORSET=SET2",
                   kCmdlineSet5 = "KORSET=SET5", kActiveset = "/tmp/kor.activeset";
 
+// The plain cycle (the test mark set from a booted set, validation after the test boot) runs on the emulated device
+// with its boot loader (tests/device), and so does verify's warning about a multi pool's disparity.
 const CycleRow kCycle[] = {
     CycleRow("activate SET1").set1(Set1::good).status(0).after(1, {0, 3}).only_hook_call("kor_activate_hook_post 1"),
     CycleRow("-dryrun activate 1").set1(Set1::good)
@@ -135,8 +137,6 @@ const CycleRow kCycle[] = {
         .only_stderr("activate: set 1 validation err=4\n"),
     CycleRow("activate 1").set1(Set1::empty_12).status(1).after(0, {1, 3})
         .only_stderr("activate: set 1 validation err=2\n"),
-    CycleRow("-test upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 0})
-        .status(0).after(2, {0, 1}).silent(),
     CycleRow("-test upgrade activate").cmdline("ro KORSET=SAFESET").file(kActiveset, "2").stored_before(1, {0, 3})
         .status(0).after(2, {0, 0}).silent(),
     CycleRow("upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "2").stored_before(1, {0, 1})
@@ -152,7 +152,6 @@ const CycleRow kCycle[] = {
     CycleRow("upgrade activate").cmdline(kCmdlineSet1).file(kActiveset, "5").stored_before(1, {0, 0})
         .status(1).after(1, {0, 0}).only_stderr("upgrade: active set file names no valid set: 5\n"),
     CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 1}).status(0).after(2, {1, 0}).silent(),
-    CycleRow("upgrade validate").cmdline(kCmdlineSet1).stored_before(1, {3, 3}).status(0).after(1, {0, 3}).silent(),
     CycleRow("upgrade validate").cmdline(kCmdlineSet2).stored_before(2, {1, 2})
         .status(0).after(2, {1, 2}).only_stdout("Already validated\n"),
     CycleRow("upgrade validate").cmdline("ro root=/dev/mmcblk0p7").stored_before(0, {1, 1})
@@ -186,7 +185,6 @@ TEST(Cycle, ActivateAndUpgrade)
 const std::string kCheck = "CRC32 content check: ", kPool = "  Belongs to pool ",
                   kWrap = "\n             ",  // the warnings' continuation lines
                   kDisparity = " have a disparity between" + kWrap + "calculated and hostconfig recorded",
-                  kMultiWarning = "WARNING: 1/4 multi pools" + kDisparity + kWrap + "CRC32 values.\n",
                   kSingletonWarning = "WARNING: 1/4 singleton pools" + kDisparity + " " + kWrap + "CRC32 values.\n",
                   kActiveWarning = kWrap.substr(1) + "AT LEAST ONE OF THESE SINGLETONS IS PART OF THE ACTIVE SET" +
                                    kWrap + "DO NOT REBOOT UNTIL THIS ISSUE HAS BEEN FIXED!\n";
@@ -239,8 +237,6 @@ private:
 const VerifyRow kVerify[] = {
     VerifyRow("verify").nothing_stored().status(0).stderr_is("").stdout_lacks(kActiveWarning)
         .stdout_has("  9  Not handled by KOR\n 10  Not handled by KOR\n 11  Nothing installed\n"),
-    VerifyRow("verify").damaged(11).status(0).stderr_is(kMultiWarning).stdout_lacks(kActiveWarning)
-        .stdout_has(" 11" + kPool + "KNLS             " + kCheck + "DISPARITY\n"),
     VerifyRow("verify").damaged_in_active_set(5).status(0).stderr_is(kSingletonWarning).stdout_has(kActiveWarning)
         .stdout_has("  5" + kPool + "SAFEKNLS         " + kCheck + "DISPARITY\n"),
     VerifyRow("verify").damaged(5).status(0).stderr_is(kSingletonWarning).stdout_lacks(kActiveWarning)
