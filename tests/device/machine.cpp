@@ -141,11 +141,17 @@ Console Machine::boot(const std::string& steps, int timeout_s)
         _exit(127);
     }
     Console c;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
+    using clock = std::chrono::steady_clock;
+    const auto deadline = clock::now() + std::chrono::seconds(timeout_s);
+    // Once the steps have ended the guest only powers off; should that not finish, the power goes anyway
+    // (everything kor wrote is on the device by then).
+    auto off_by = clock::time_point::max();
     for (int status; waitpid(pid, &status, WNOHANG) == 0;) {
         const std::string now = slurp(log);
-        c.timed_out = std::chrono::steady_clock::now() > deadline;
-        if (c.timed_out || has_line(now, "KOR-CUT") || has_line(now, "KOR-HANG")) {
+        c.timed_out = clock::now() > deadline;
+        if (off_by == clock::time_point::max() && has_line(now, "KOR-STEPS-END"))
+            off_by = clock::now() + std::chrono::seconds(20);
+        if (c.timed_out || clock::now() > off_by || has_line(now, "KOR-CUT") || has_line(now, "KOR-HANG")) {
             kill(-pid, SIGKILL), kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             break;
