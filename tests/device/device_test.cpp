@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -49,6 +52,12 @@ struct Flip {
     uint64_t offset;
 };
 
+// A copy of a release image in the guest's /tmp with a change that keeps every CRC-32 of the image right: 5 bytes of
+// content `content` XORed with the CRC-32 polynomial, so that only a signature check can tell. Made before the steps.
+struct Tamper {
+    std::string image, content, copy;
+};
+
 // The stored state after a boot, as the decoder reads the disk.
 struct Stored {
     std::optional<int> active;                   // actset of the copy kor loads
@@ -63,6 +72,7 @@ struct Boot {
     std::vector<std::pair<std::string, std::string>> come_up;  // KORSET= word and release: one of these
     std::vector<std::string> loader;                           // lines the boot script must print
     std::vector<Step> steps;
+    std::optional<Tamper> tamper;
     bool hang = false;  // after the steps the guest hangs: the power goes
     Stored stored;
 
@@ -70,6 +80,7 @@ struct Boot {
     Boot& says(const std::string& line) { loader.push_back(line); return *this; }
     Boot& flip(int set, const std::string& content, uint64_t offset) { flips.push_back({set, content, 0, offset}); return *this; }
     Boot& flip_at(int partition, uint64_t offset) { flips.push_back({0, "", partition, offset}); return *this; }
+    Boot& tampered(const std::string& image, const std::string& content, const std::string& copy) { tamper = Tamper{image, content, copy}; return *this; }
     Boot& run(const std::string& name, const std::string& command) { steps.push_back({name, command, 0, {}, {}}); return *this; }
     Boot& status(int s) { steps.back().status = s; return *this; }
     Boot& shows(const std::string& text) { steps.back().shows.push_back(text); return *this; }
@@ -210,6 +221,20 @@ const std::vector<Scenario>& scenarios()
               .run("repair", "kor install " + release("1.0.1") + " 2")
               .shows("Writing out 5448192 bytes of data to /dev/mmcblk0p11"),
           factory()}},
+        // 1.0.4 is signed and brings the release key in /etc/kor/keys: from then on the device takes signed releases
+        // only. The tampered copy keeps every CRC-32 right; it goes in with -test, so that had it been taken the next
+        // boot would try SET2.
+        {"signed_release",
+         {factory().run("install", "kor install " + release("1.0.4") + " 1 -noactivate -keys=/updates/keys")
+              .shows("install: signed by key ").run("activate", "kor upgrade activate -test"),
+          test_boot(1, "1.0.4"),
+          Boot().on("SET1", "1.0.4").tampered(release("1.0.4"), "KERNEL", "/tmp/tampered.velk")
+              .run("tampered", "kor install /tmp/tampered.velk 2 -test").status(15)
+              .shows("install: content part 3 does not match the signed manifest")
+              .run("unsigned", "kor install " + release("1.0.2") + " 2 -test").status(15)
+              .shows("install: image is not signed; keys in /etc/kor/keys require a signature")
+              .active(1).flags(0, 0).copies_untouched(),
+          Boot().on("SET1", "1.0.4").says("booting SET1").run("kept", "kor verify 2")}},
         {"dropped_writes_caught_by_read_back",
          {factory().run("dm", kDropKernelWrites)
               .run("install", "kor install " + release("1.0.2") + " 1 -test").status(1).shows("CRC32 VERIFY FAILED")
@@ -228,9 +253,45 @@ std::string shell_quoted(const std::string& s)
     return q + "'";
 }
 
-std::string steps_text(const Boot& b)
+uint32_t le(const bytes& b, size_t at, int n)
+{
+    uint32_t v = 0;
+    for (int i = n; i-- > 0;) v = v << 8 | b.at(at + i);
+    return v;
+}
+
+// The guest's commands that make the tampered copy. The content's body is found in the build's copy of the image
+// (the guest's /updates): 8 bytes of identification, the file header, then each part's header and body, padded to
+// 4 bytes. The 33 bits of the polynomial, in the order CRC-32 takes a byte's bits, change no CRC-32 they are XORed into.
+std::string tamper_commands(const std::string& build, const Tamper& t)
+{
+    static constexpr uint8_t kPolynomial[] = {0x41, 0x06, 0x71, 0xDB, 0x01};
+    std::ifstream in(build + t.image, std::ios::binary);
+    const bytes image((std::istreambuf_iterator<char>(in)), {});
+    for (size_t at = 8 + le(image, 8 + 6, 2); at + 0x20 <= image.size();) {
+        const uint32_t header = le(image, at + 6, 2), body = le(image, at + 8, 4);
+        const std::string name(reinterpret_cast<const char*>(&image[at + 0xc]), 16);
+        if (name.c_str() == t.content && body >= 2 * sizeof kPolynomial) {
+            const size_t offset = at + header + body / 2;
+            char octal[8];
+            std::string text;
+            for (size_t i = 0; i < sizeof kPolynomial; ++i) {
+                std::snprintf(octal, sizeof octal, "\\%03o", unsigned(image[offset + i] ^ kPolynomial[i]));
+                text += octal;
+            }
+            return "cp " + t.image + " " + t.copy + " && printf '" + text + "' | dd of=" + t.copy + " bs=1 seek=" +
+                   std::to_string(offset) + " conv=notrunc 2>/dev/null";
+        }
+        at += header + body + (4 - body % 4) % 4;
+    }
+    ADD_FAILURE() << build + t.image << " holds no content " << t.content;
+    return "false";
+}
+
+std::string steps_text(const std::string& build, const Boot& b)
 {
     std::string text;
+    if (b.tamper) text += "kor_step tamper " + shell_quoted(tamper_commands(build, *b.tamper)) + "\n";
     for (const Step& s : b.steps) {
         std::string command = s.command;
         if (s.cut)
@@ -285,6 +346,10 @@ void judge_console(const Boot& b, const device::Console& c, const std::string& l
     }
     for (const std::string& line : b.loader)
         EXPECT_NE(std::find(c.loader.begin(), c.loader.end(), line), c.loader.end()) << "boot script: " << line;
+    if (b.tamper) {
+        ASSERT_EQ(c.status.count("tamper"), 1u) << "the tampered copy was not made";
+        ASSERT_EQ(c.status.at("tamper"), 0) << c.out.at("tamper");
+    }
     for (const Step& s : b.steps) {
         SCOPED_TRACE("step " + s.name + ": " + s.command);
         if (s.cut) {
@@ -340,7 +405,7 @@ TEST_P(Device, Scenario)
         }
         const bytes primary = m.read(kPrimary, 0, kImageMax), backup = m.read(kBackup, 0, kImageMax);
         const auto t0 = std::chrono::steady_clock::now();
-        const device::Console c = m.boot(steps_text(b));
+        const device::Console c = m.boot(steps_text(build, b));
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t0);
         std::printf("%s: boot %zu came up as %s %s in %lld s%s\n", s.name.c_str(), i + 1, c.booted.c_str(),
                     c.release.c_str(), static_cast<long long>(seconds.count()), c.cut ? ", power cut" : "");
