@@ -78,13 +78,29 @@ struct Boot {
 
     Boot& on(const std::string& set, const std::string& release) { come_up.push_back({set, release}); return *this; }
     Boot& says(const std::string& line) { loader.push_back(line); return *this; }
-    Boot& flip(int set, const std::string& content, uint64_t offset) { flips.push_back({set, content, 0, offset}); return *this; }
+    Boot& flip(int set, const std::string& content, uint64_t offset)
+    {
+        flips.push_back({set, content, 0, offset});
+        return *this;
+    }
     Boot& flip_at(int partition, uint64_t offset) { flips.push_back({0, "", partition, offset}); return *this; }
-    Boot& tampered(const std::string& image, const std::string& content, const std::string& copy) { tamper = Tamper{image, content, copy}; return *this; }
-    Boot& run(const std::string& name, const std::string& command) { steps.push_back({name, command, 0, {}, {}}); return *this; }
+    Boot& tampered(const std::string& image, const std::string& content, const std::string& copy)
+    {
+        tamper = Tamper{image, content, copy};
+        return *this;
+    }
+    Boot& run(const std::string& name, const std::string& command)
+    {
+        steps.push_back({name, command, 0, {}, {}});
+        return *this;
+    }
     Boot& status(int s) { steps.back().status = s; return *this; }
     Boot& shows(const std::string& text) { steps.back().shows.push_back(text); return *this; }
-    Boot& cut(const std::string& devices, int after, long torn) { steps.back().cut = Cut{devices, after, torn}; return *this; }
+    Boot& cut(const std::string& devices, int after, long torn)
+    {
+        steps.back().cut = Cut{devices, after, torn};
+        return *this;
+    }
     Boot& hangs() { hang = true; return *this; }
     Boot& active(int set) { stored.active = set; return *this; }
     Boot& flags(int set1, int set2) { stored.flags = {{set1, set2}}; return *this; }
@@ -141,7 +157,8 @@ Boot cut_install(const std::string& devices, int after, long torn)
 // A write into one of the sets' kernel partitions is silently dropped: dm-flakey in front of them, under their names.
 const std::string kDropKernelWrites =
     "for n in 11 15; do "
-    "dmsetup --noudevsync create drop$n --table \"0 $(blockdev --getsz /dev/mmcblk0p$n) flakey /dev/mmcblk0p$n 0 0 3600 1 "
+    "dmsetup --noudevsync create drop$n --table "
+    "\"0 $(blockdev --getsz /dev/mmcblk0p$n) flakey /dev/mmcblk0p$n 0 0 3600 1 "
     "drop_writes\" && rm /dev/mmcblk0p$n && mknod /dev/mmcblk0p$n b $(dmsetup info -c --noheadings -o major,minor "
     "drop$n | tr : ' ') || exit 1; done";
 
@@ -216,7 +233,8 @@ const std::vector<Scenario>& scenarios()
               .run("mount", "kor mount 2").shows("on /mnt/appl as ext4... OK").shows("on /mnt/data as squashfs... OK")
               .run("files", "cat /mnt/appl/version /mnt/data/version").shows("appl 1.0.1").shows("data 1.0.1")}},
         {"damaged_kernel_boots_safeset",
-         {Boot().flip(2, "KERNEL", 100000).on("SAFESET", "1.0.0").says("SET2 does not check (kernel KERNEL, initramfs ROOT)")
+         {Boot().flip(2, "KERNEL", 100000).on("SAFESET", "1.0.0")
+              .says("SET2 does not check (kernel KERNEL, initramfs ROOT)")
               .says("booting SAFESET").run("verify", "kor verify 2").status(1)
               .run("repair", "kor install " + release("1.0.1") + " 2")
               .shows("Writing out 5448192 bytes of data to /dev/mmcblk0p11"),
@@ -262,7 +280,8 @@ uint32_t le(const bytes& b, size_t at, int n)
 
 // The guest's commands that make the tampered copy. The content's body is found in the build's copy of the image
 // (the guest's /updates): 8 bytes of identification, the file header, then each part's header and body, padded to
-// 4 bytes. The 33 bits of the polynomial, in the order CRC-32 takes a byte's bits, change no CRC-32 they are XORed into.
+// 4 bytes. The 33 bits of the polynomial, in the order CRC-32 takes a byte's bits, change no CRC-32 they are XORed
+// into.
 std::string tamper_commands(const std::string& build, const Tamper& t)
 {
     static constexpr uint8_t kPolynomial[] = {0x41, 0x06, 0x71, 0xDB, 0x01};
@@ -296,7 +315,8 @@ std::string steps_text(const std::string& build, const Boot& b)
         std::string command = s.command;
         if (s.cut)
             command = "LD_PRELOAD=" + kPreload + " KOR_KILL_MARK=KOR-CUT KOR_KILL_AFTER_WRITES=" +
-                      std::to_string(s.cut->after ? s.cut->after : random_write()) + " KOR_TORN_BYTES=" + std::to_string(s.cut->torn) +
+                      std::to_string(s.cut->after ? s.cut->after : random_write()) +
+                      " KOR_TORN_BYTES=" + std::to_string(s.cut->torn) +
                       " KOR_KILL_DEVICES=" + shell_quoted(s.cut->devices) + " " + command;
         text += "kor_step " + s.name + " " + shell_quoted(command) + "\n";
     }
@@ -345,7 +365,8 @@ void judge_console(const Boot& b, const device::Console& c, const std::string& l
         EXPECT_TRUE(any) << "came up as KORSET=" << c.booted << " release=" << c.release;
     }
     for (const std::string& line : b.loader)
-        EXPECT_NE(std::find(c.loader.begin(), c.loader.end(), line), c.loader.end()) << "boot script: " << line;
+        EXPECT_TRUE(std::find(c.loader.begin(), c.loader.end(), line) != c.loader.end())
+            << "the boot script did not say: " << line;
     if (b.tamper) {
         ASSERT_EQ(c.status.count("tamper"), 1u) << "the tampered copy was not made";
         ASSERT_EQ(c.status.at("tamper"), 0) << c.out.at("tamper");
@@ -360,7 +381,8 @@ void judge_console(const Boot& b, const device::Console& c, const std::string& l
         ASSERT_EQ(c.status.count(s.name), 1u) << "the step did not run to its end";
         EXPECT_EQ(c.status.at(s.name), s.status) << c.out.at(s.name);
         for (const std::string& text : s.shows)
-            EXPECT_NE(c.out.at(s.name).find(text), std::string::npos) << "lacks '" << text << "':\n" << c.out.at(s.name);
+            EXPECT_NE(c.out.at(s.name).find(text), std::string::npos)
+                << "lacks '" << text << "':\n" << c.out.at(s.name);
     }
     if (b.hang) { EXPECT_TRUE(c.hang); }
     if (!b.hang && !c.cut) { EXPECT_TRUE(c.ended) << "the steps did not finish"; }
