@@ -203,6 +203,10 @@ const std::vector<Scenario>& scenarios()
          after_cut_install(cut_install("", 3, -1).copies_untouched())},
         {"cut_at_random_partition_write",
          after_cut_install(cut_install("", 0, -1).copies_untouched())},
+        // -stream writes each body while it is read: cut in the middle of that, the old set still comes up.
+        {"cut_during_stream_install",
+         after_cut_install(factory().run("install", "kor install " + release("1.0.2") + " 1 -test -stream")
+                               .cut("", 3, -1).copies_untouched())},
         {"cut_after_writes_before_save",
          after_cut_install(cut_install(kHostconfigDevices, kBeforeTestMark, 0).copies_untouched())},
         {"cut_between_hostconfig_copies",
