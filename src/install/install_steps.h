@@ -135,6 +135,9 @@ void stream_sink_abandon(stream_sink* k);
 // Bytes of [p, p + n) written at `at`; fewer when a write fails (errno set).
 uint64_t device_write_at(int fd, const uint8_t* p, uint64_t n, uint64_t at);
 // The plan line of element slot i (with -v, or when it is written).
+// When a part is in (its body, or with -stream its header): the late decision of
+// an element whose version is decided on arrival, and the walk along the elements.
+void install_settle_element(install_ctx* c, const velk_content_header* h, int32_t k);
 void install_plan_line(const install_ctx* c, int i);
 // Reads the partition of element i back; false (and its metadata cleared)
 // when it does not hold what was recorded.

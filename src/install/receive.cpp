@@ -123,13 +123,7 @@ bool examine_part(install_ctx* c, int32_t k)
     const uint8_t* raw = reinterpret_cast<const uint8_t*>(cp);
     if (cp->type_id == VELK_TYPE_RELEASE_HEADER)
         c->release_header = reinterpret_cast<const korl_rhdr*>(raw + VELK_CONTENT_HEADER_SIZE);
-    korm_element* e = next_korm(c);
-    if (cp->type_id == VELK_TYPE_SOFTWARE && e && e->action == 3) {
-        const auto* sw = reinterpret_cast<const velk_software_content*>(cp);
-        late_action_update(c->data, e, sw->sw_version_major, sw->sw_version_minor,
-                           sw->sw_build_number);
-    }
-    if (e && e->cidx == k) c->next_element++;
+    install_settle_element(c, cp, k);
     if (is_korm(cp)) return install_plan_korm(c, cp);
     return true;
 }
@@ -262,4 +256,15 @@ bool install_plan_korm(install_ctx* c, const velk_content_header* cp)
     if (c->korm_count < 1) return false;
     c->next_element = 0;
     return true;
+}
+
+void install_settle_element(install_ctx* c, const velk_content_header* h, int32_t k)
+{
+    korm_element* e = next_korm(c);
+    if (h->type_id == VELK_TYPE_SOFTWARE && e && e->action == 3) {
+        const auto* sw = reinterpret_cast<const velk_software_content*>(h);
+        late_action_update(c->data, e, sw->sw_version_major, sw->sw_version_minor,
+                           sw->sw_build_number);
+    }
+    if (e && e->cidx == k) c->next_element++;
 }

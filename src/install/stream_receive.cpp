@@ -87,25 +87,12 @@ velk_content_header* hold_part(install_ctx* c, int32_t k, const velk_content_hea
     return reinterpret_cast<velk_content_header*>(room);
 }
 
-korm_element* next_korm(install_ctx* c)
-{
-    if (c->next_element < 0 || c->next_element >= KORL_KORM_ELEMENTS) return nullptr;
-    return &c->korm[c->next_element];
-}
-
 // What the receiver without -stream does when a part's body is complete,
 // done here as soon as its header is in: the late decision of an element
 // whose version is decided on arrival, and the walk along the elements.
 void examine_header(install_ctx* c, int32_t k)
 {
-    const velk_content_header* h = c->stream->parts[k];
-    korm_element* e = next_korm(c);
-    if (h->type_id == VELK_TYPE_SOFTWARE && e && e->action == 3) {
-        const auto* sw = reinterpret_cast<const velk_software_content*>(h);
-        late_action_update(c->data, e, sw->sw_version_major, sw->sw_version_minor,
-                           sw->sw_build_number);
-    }
-    if (e && e->cidx == k) c->next_element++;
+    install_settle_element(c, c->stream->parts[k], k);
 }
 
 bool seekable(const install_ctx* c) { return !c->stream->url || c->range_mode == 1; }
