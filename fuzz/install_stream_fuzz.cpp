@@ -13,6 +13,7 @@
 #include "base/console.h"
 #include "base/options.h"
 #include "fuzz_check.h"
+#include "fuzz_layout.h"
 #include "fuzz_split.h"
 #include "hostconfig/hostconfig.h"
 #include "install/install.h"
@@ -141,11 +142,7 @@ void second_reading(run* r, const fuzz::split_input& in)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    hostconfig hc;
-    if (hostconfig_new(&hc, HOSTCONFIG_MAX) != 1 || hostconfig_default(&hc) != 1 ||
-        korl_hostconfig_import(&g_layout, &hc) != 1)
-        std::abort();
-    korl_partpool_generate(&g_layout);
+    fuzz::load_default_layout(&g_layout);
     return 0;
 }
 
